@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages this project needs; does nothing when they are there.
+#   scripts/bootstrap.sh run    what building and running iac needs
+#   scripts/bootstrap.sh test   that, plus tests, sanitizers, the Windows build and Wine
+set -euo pipefail
+
+run_pkgs=(g++ make cmake pkg-config ccache libboost-dev nlohmann-json3-dev libcli11-dev
+          libhivex-dev)
+test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev libhivex-bin clang-format
+           g++-mingw-w64-x86-64-posix wine wine64)
+
+case "${1:-test}" in
+  run) want=("${run_pkgs[@]}") ;;
+  test) want=("${run_pkgs[@]}" "${test_pkgs[@]}") ;;
+  *) echo "usage: $0 [run|test]" >&2; exit 2 ;;
+esac
+
+missing=()
+for p in "${want[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+  echo "bootstrap: missing packages: ${missing[*]}; run as root or install them" >&2
+  exit 1
+fi
+echo "bootstrap: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
