@@ -1,0 +1,8 @@
+// Process-wide current machine.
+#include "platform/machine.h"
+
+namespace platform {
+
+Machine::~Machine() = default;
+
+}  // namespace platform

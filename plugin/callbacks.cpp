@@ -1,0 +1,1 @@
+// Callbacks object: being written.

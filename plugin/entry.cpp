@@ -1,0 +1,1 @@
+// Module entry: filled in with the callbacks object.
