@@ -1,1 +1,7 @@
-int main() { return 1; }
+#include <iostream>
+
+#include "cli/app.h"
+
+int main(int argc, char** argv) {
+  return iac::run(argc, argv, std::cout, std::cerr);
+}

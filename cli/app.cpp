@@ -1,0 +1,232 @@
+#include "cli/app.h"
+
+#include <CLI/CLI.hpp>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <sstream>
+
+#include "cli/formats.h"
+#include "cli/reg_query.h"
+#include "cli/text.h"
+#include "platform/machine.h"
+#include "platform/process.h"
+#include "platform/recorded/recorded_machine.h"
+#include "tessilcore/host.h"
+
+namespace default_machine {
+const std::map<std::string, std::string>& files();
+}
+
+namespace iac {
+namespace {
+
+using NKestovaTessil20::THost;
+using NKestovaTessil20::TLogRecord;
+
+#if defined(_WIN32)
+const char* const kPluginFile = "\\installedapps.dll";
+constexpr bool kLiveByDefault = true;
+#else
+const char* const kPluginFile = "/installedapps.so";
+constexpr bool kLiveByDefault = false;
+#endif
+
+struct MachineOptions {
+  std::string directory;
+  bool live = false;
+};
+
+struct CollectOptions {
+  MachineOptions machine;
+  std::vector<std::string> classes;
+  std::string format = "table";
+  unsigned int logLevel = 3;
+  std::string logFile;
+  std::string plugin;
+};
+
+// Installs the machine the command reads: a recorded one from a folder, the live one, or
+// by default the live one on Windows and the compiled-in recording elsewhere.
+void installMachine(const MachineOptions& options) {
+  if (!options.directory.empty()) {
+    platform::Machine::Install(platform::recorded::RecordedMachine::Load(options.directory));
+  } else if (options.live) {
+    if (!kLiveByDefault) throw std::runtime_error("--live needs Windows; use --machine DIR");
+  } else if (!kLiveByDefault) {
+    platform::Machine::Install(
+        platform::recorded::RecordedMachine::FromFiles(default_machine::files()));
+  }
+}
+
+std::string describeError(const std::exception& e) {
+  if (const auto* host = dynamic_cast<const NKestovaTessil20::TTessilException*>(&e)) {
+    if (!host->GetDetail().empty()) return std::string(e.what()) + ": " + host->GetDetail();
+  }
+  return e.what();
+}
+
+int collect(const CollectOptions& options, std::ostream& out) {
+  Format format = Format::kTable;
+  parseFormat(options.format, format);
+  installMachine(options.machine);
+
+  THost& host = THost::Instance();
+  host.LoadSchema();
+  host.LoadPlugin(options.plugin.empty() ? platform::ExecutableDirectory() + kPluginFile
+                                         : options.plugin);
+  host.InitPlugins();
+  const std::vector<std::string> names =
+      options.classes.empty() ? host.GetPluginClassNames() : options.classes;
+  host.Query(names);
+
+  std::vector<ClassView> classes;
+  boost::shared_ptr<NKestovaTessil20::ICIMNamespace> ns = host.GetNamespace();
+  for (const std::string& name : names) {
+    ClassView view{name, {}};
+    for (const auto& instance : host.GetInstances(name, false)) {
+      view.instances.push_back(describeInstance(*ns, *instance));
+    }
+    classes.push_back(std::move(view));
+  }
+  host.DeInitPlugins();
+
+  std::vector<TLogRecord> log;
+  for (const TLogRecord& record : host.GetLog()) {
+    if (record.level <= options.logLevel) log.push_back(record);
+  }
+  const TextEncoder encode = machineTextEncoder();
+  const std::string rendered = render(format, classes, log, encode);
+  if (!options.logFile.empty()) {
+    std::ostringstream text;
+    for (const TLogRecord& record : log)
+      text << record.level << '\t' << encode(record.message) << '\n';
+    std::ofstream file(options.logFile, std::ios::binary | std::ios::trunc);
+    if (!(file << text.str()) || !file.flush()) {
+      throw std::runtime_error("cannot write the log file " + options.logFile);
+    }
+  }
+  out << rendered;
+  host.UnloadPlugins();
+  return 0;
+}
+
+int listClasses(std::ostream& out) {
+  THost& host = THost::Instance();
+  host.LoadSchema();
+  boost::shared_ptr<NKestovaTessil20::ICIMNamespace> ns = host.GetNamespace();
+  std::ostringstream text;
+  for (const std::string& name : host.GetClassNames()) {
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls;
+    ns->GetClass(cls, name, {});
+    text << name;
+    const std::string super = cls->GetSuperClassName();
+    if (!super.empty()) text << " : " << super;
+    if (cls->IsAssociation()) text << "  [association]";
+    text << "\n";
+    std::vector<std::string> properties;
+    NKestovaTessil20::TAddKeyNamesToVectorCallback collect(properties);
+    cls->EnumeratePropertyNames(collect, {});
+    for (const std::string& property : properties) {
+      boost::shared_ptr<const NKestovaTessil20::ICIMPropertyDecl> decl;
+      cls->GetPropertyDecl(decl, property, {});
+      NKestovaTessil20::TCIMValue::TCIMType type;
+      decl->GetType(type, {});
+      std::string typeName = type == NKestovaTessil20::eCIMTypeReference
+                                 ? decl->GetReferenceClass() + " ref"
+                                 : type.ToString();
+      if (decl->IsArray({})) typeName += "[]";
+      text << "    " << typeName << " " << property << (decl->IsKey() ? "  [key]" : "") << "\n";
+    }
+    text << "\n";
+  }
+  out << text.str();
+  return 0;
+}
+
+int regQuery(const MachineOptions& machine, const std::string& key,
+             const std::vector<std::string>& switches, bool recursive, std::ostream& out,
+             std::ostream& err) {
+  for (const std::string& option : switches) {
+    if (option == "/s" || option == "/S") {
+      recursive = true;
+    } else {
+      err << "iac: reg query: unknown switch '" << option << "' (only /s)\n";
+      return 2;
+    }
+  }
+  installMachine(machine);
+  std::ostringstream text;
+  const int status =
+      RunRegQuery(platform::Machine::Current().registry(), key, recursive, text, err);
+  out << text.str();
+  return status;
+}
+
+}  // namespace
+
+int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
+  CLI::App app{"iac: inventories a Windows machine through the installed-application plug-in"};
+  app.name("iac");
+  app.require_subcommand(1);
+
+  CollectOptions collectOptions;
+  CLI::App* collectCommand = app.add_subcommand("collect", "Run one query and print the instances");
+  auto* machineOption = collectCommand->add_option("--machine", collectOptions.machine.directory,
+                                                   "A recorded machine's folder");
+  machineOption->check(CLI::ExistingDirectory);
+  collectCommand->add_flag("--live", collectOptions.machine.live, "Inventory this Windows machine")
+      ->excludes(machineOption);
+  collectCommand->add_option("--class", collectOptions.classes,
+                             "A class to collect (repeatable; default: every class served)");
+  collectCommand->add_option("--format", collectOptions.format, "table, json, jsonl or mof")
+      ->check(CLI::IsMember({"table", "json", "jsonl", "mof"}));
+  collectCommand
+      ->add_option("--log-level", collectOptions.logLevel,
+                   "Keep log messages up to this level (0 errors .. 4 detail)")
+      ->check(CLI::Range(0, 4));
+  collectCommand->add_option("--log", collectOptions.logFile, "Write the kept log to this file");
+  collectCommand->add_option("--plugin", collectOptions.plugin, "The plug-in library to load")
+      ->check(CLI::ExistingFile);
+
+  CLI::App* classesCommand = app.add_subcommand("classes", "List the schema's classes");
+
+  MachineOptions regMachine;
+  std::string regKey;
+  std::vector<std::string> regSwitches;
+  bool regRecursive = false;
+  CLI::App* regCommand = app.add_subcommand("reg", "Look at a recorded machine's registry");
+  regCommand->require_subcommand(1);
+  CLI::App* queryCommand =
+      regCommand->add_subcommand("query", "Print keys and values as Windows' reg query does");
+  queryCommand->add_option("--machine", regMachine.directory, "A recorded machine's folder")
+      ->check(CLI::ExistingDirectory);
+  queryCommand->add_option("key", regKey, "A key such as HKLM\\SOFTWARE\\Microsoft")->required();
+  queryCommand->add_option("switches", regSwitches, "/s: every sub-key too");
+  queryCommand->add_flag("-s,--recursive", regRecursive, "Every sub-key too");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    std::ostringstream message, help;
+    const int status = app.exit(e, help, message);
+    out << help.str();
+    err << message.str();
+    return status == 0 ? 0 : 2;
+  }
+
+  try {
+    if (collectCommand->parsed()) return collect(collectOptions, out);
+    if (classesCommand->parsed()) return listClasses(out);
+    if (queryCommand->parsed()) {
+      return regQuery(regMachine, regKey, regSwitches, regRecursive, out, err);
+    }
+  } catch (const std::exception& e) {
+    err << "iac: error: " << describeError(e) << "\n";
+    return 1;
+  }
+  return 2;
+}
+
+}  // namespace iac

@@ -1,0 +1,70 @@
+#include "common/system_information.h"
+
+#include <exception>
+#include <memory>
+
+#include "collectors/os/page_file_info.h"
+#include "common/constants.h"
+#include "platform/process.h"
+
+namespace installedapps_col {
+namespace {
+
+// TESSIL_EXCLUDEAPPS configures the plug-in, so it is read from the process that runs it,
+// not from the machine being inventoried. Absent and empty read alike.
+std::string excludeAppsValue() {
+  const platform::DWORD size = 32767;
+  std::unique_ptr<char[]> buffer(new char[size]);
+  const platform::DWORD length =
+      platform::ProcessEnvironmentVariableA(kExcludeAppsVariable.c_str(), buffer.get(), size);
+  if (length == 0 || length >= size) return std::string();
+  return std::string(buffer.get(), length);
+}
+
+}  // namespace
+
+SystemInformation::SystemInformation(boost::shared_ptr<NKestovaTessil20::ICIMNamespace> ns)
+    : m_log(LogMessage::instance()), m_namespace(std::move(ns)) {
+  // Presence with any content is the switch; the value itself means nothing.
+  m_installedApplicationsServed = excludeAppsValue().empty();
+  m_classTable[kClassPageFile] = &SystemInformation::createPageFileInfo;
+}
+
+SystemInformation::~SystemInformation() = default;
+
+bool SystemInformation::servesInstalledApplications() const {
+  return m_installedApplicationsServed;
+}
+
+std::vector<std::string> SystemInformation::classNames() const {
+  std::vector<std::string> names;
+  for (const auto& entry : m_classTable) names.push_back(entry.first);
+  return names;
+}
+
+std::uint64_t SystemInformation::collectClass(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  const std::string name = cls->GetName();
+  const auto entry = m_classTable.find(name);
+  if (entry == m_classTable.end()) return 0;
+  try {
+    boost::shared_ptr<GetInfo> collector = (this->*(entry->second))(cls);
+    std::uint64_t count = 0;
+    if (cls->IsAssociation()) {
+      count = collector->getCIMAssociations(m_namespace);
+    } else {
+      count = collector->getCIMInstances();
+    }
+    collector.reset();
+    return count;
+  } catch (const std::exception& e) {
+    m_log->logInfo(kExceptionCaught + kCollectingDataForClass + " " + name + " " + e.what());
+  }
+  return 0;
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createPageFileInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<PageFileInfo>(new PageFileInfo(cls));
+}
+
+}  // namespace installedapps_col
