@@ -1,0 +1,26 @@
+// Conversions between UTF-16 (how Windows stores registry strings), a machine's ANSI code
+// page (what the narrow "A" calls hand out) and UTF-8 (what iac prints).
+#pragma once
+
+#include <string>
+
+#include "platform/export.h"
+
+namespace platform::recorded {
+
+constexpr unsigned kDefaultAnsiCodePage = 1252;
+
+// True when WideToAnsi / AnsiToWide can convert with this code page here.
+KPLATFORM_API bool IsSupportedCodePage(unsigned codePage);
+
+// As WideCharToMultiByte does without flags: a character the code page lacks becomes '?'
+// (no best-fit mapping). Throws std::invalid_argument for an unsupported code page.
+KPLATFORM_API std::string WideToAnsi(const std::u16string& wide, unsigned codePage);
+// As MultiByteToWideChar does without flags: an invalid byte sequence becomes U+FFFD.
+KPLATFORM_API std::u16string AnsiToWide(const std::string& narrow, unsigned codePage);
+
+// Unpaired surrogates and invalid UTF-8 become U+FFFD.
+KPLATFORM_API std::string WideToUtf8(const std::u16string& wide);
+KPLATFORM_API std::u16string Utf8ToWide(const std::string& utf8);
+
+}  // namespace platform::recorded

@@ -1,0 +1,81 @@
+// platform::Registry answered from a recorded machine's registry (.reg exports and hive
+// files), with the result codes, buffer rules and views of 64-bit Windows.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/export.h"
+#include "platform/recorded/hive_registry.h"
+#include "platform/recorded/registry_model.h"
+#include "platform/registry.h"
+
+namespace platform::recorded {
+
+// Not in platform/types.h: only the recorded registry produces it.
+constexpr LONG ERROR_BAD_PATHNAME = 161;
+
+class KPLATFORM_API RecordedRegistry : public Registry {
+ public:
+  RecordedRegistry();
+  ~RecordedRegistry() override;
+
+  // Loading; not thread-safe against concurrent reads. Each throws platform::RecordError.
+  // `name` names the export in messages; `bytes` is its content (UTF-16LE with BOM, UTF-8,
+  // or REGEDIT4 text in the code page set below, so set the code page first).
+  void loadRegFile(const std::string& name, const std::string& bytes);
+  void loadHive(const std::string& path, Mount where);
+
+  // The machine's ANSI code page (default 1252) that the narrow calls convert to.
+  // Throws std::invalid_argument for a code page this build cannot convert.
+  void setCodePage(unsigned codePage);
+  unsigned codePage() const { return codePage_; }
+  // True: the reader is a 32-bit process under WOW64, whose default view is the 32-bit one.
+  void setProcessIs32Bit(bool is32Bit) { processIs32Bit_ = is32Bit; }
+  bool processIs32Bit() const { return processIs32Bit_; }
+
+  // The keys as recorded (no views, no CurrentControlSet link), for walking and tests.
+  const RegistryTree& tree() const { return tree_; }
+
+  // Number of handles open now (predefined keys excluded); for leak checks.
+  size_t openHandleCount() const;
+
+  LONG RegOpenKeyExA(HKEY root, const char* subKey, DWORD options, REGSAM sam,
+                     HKEY* result) override;
+  LONG RegCloseKey(HKEY key) override;
+  LONG RegQueryInfoKeyA(HKEY key, char* className, DWORD* classLength, DWORD* reserved,
+                        DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* maxClassLength,
+                        DWORD* values, DWORD* maxValueNameLength, DWORD* maxValueLength,
+                        DWORD* securityDescriptor, FILETIME* lastWriteTime) override;
+  LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD* reserved,
+                     char* className, DWORD* classLength, FILETIME* lastWriteTime) override;
+  LONG RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD* reserved,
+                     DWORD* type, BYTE* data, DWORD* dataLength) override;
+  LONG RegQueryValueExA(HKEY key, const char* valueName, DWORD* reserved, DWORD* type, BYTE* data,
+                        DWORD* dataLength) override;
+
+ private:
+  struct OpenKey {
+    std::vector<std::u16string> path;  // as stored, root first
+    REGSAM access = 0;
+  };
+
+  // The open key behind a handle (predefined or returned by RegOpenKeyExA).
+  bool lookup(HKEY handle, OpenKey& out) const;
+  // The key at `path`, following SYSTEM\CurrentControlSet; rewrites `path` as stored.
+  const RegKey* walk(std::vector<std::u16string>& path) const;
+  const RegKey* keyOf(HKEY handle, REGSAM need, LONG& status) const;
+  std::string narrow(const std::u16string& text) const;
+  std::vector<BYTE> narrowData(const RegValue& value) const;
+
+  RegistryTree tree_;
+  unsigned codePage_;
+  bool processIs32Bit_ = false;
+  mutable std::mutex mutex_;
+  std::map<std::uintptr_t, OpenKey> handles_;
+  std::uintptr_t nextHandle_ = 0x1000;
+};
+
+}  // namespace platform::recorded

@@ -1,0 +1,119 @@
+// A registry held in memory: keys with case-insensitive, case-preserving names, sub-keys
+// and values in the order they were added (as regedit exports and hives list them), value
+// data as the raw bytes Windows stores (strings in UTF-16LE).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/export.h"
+#include "platform/types.h"
+
+namespace platform::recorded {
+
+// Windows limits: deeper keys or longer key names cannot exist on a real machine.
+constexpr size_t kMaxKeyDepth = 512;
+constexpr size_t kMaxKeyNameLength = 255;
+
+// Windows compares registry names after upcasing each UTF-16 unit. This covers the
+// scripts that registry names use in practice (Latin, Greek, Cyrillic); other
+// characters compare exactly.
+KPLATFORM_API char16_t UpcaseChar(char16_t c);
+KPLATFORM_API std::u16string FoldName(const std::u16string& name);
+KPLATFORM_API bool NamesEqual(const std::u16string& a, const std::u16string& b);
+
+struct RegValue {
+  std::u16string name;  // empty: the key's default value
+  DWORD type = REG_NONE;
+  std::vector<BYTE> data;
+};
+
+class KPLATFORM_API RegKey {
+ public:
+  explicit RegKey(std::u16string name);
+  ~RegKey();
+  RegKey(const RegKey&) = delete;
+  RegKey& operator=(const RegKey&) = delete;
+
+  const std::u16string& name() const { return name_; }
+  // 100-ns intervals since 1601 (a FILETIME); 0 when the record has none.
+  std::uint64_t lastWriteTime() const { return lastWriteTime_; }
+  void setLastWriteTime(std::uint64_t time) { lastWriteTime_ = time; }
+
+  // Index access is valid once compact() has run after the last removal.
+  size_t subKeyCount() const { return subKeys_.items.size(); }
+  const RegKey& subKey(size_t index) const { return *subKeys_.items[index]; }
+  const RegKey* findSubKey(const std::u16string& name) const;
+  RegKey* findSubKey(const std::u16string& name);
+  RegKey& ensureSubKey(const std::u16string& name);
+  void removeSubKey(const std::u16string& name);
+
+  size_t valueCount() const { return values_.items.size(); }
+  const RegValue& value(size_t index) const { return *values_.items[index]; }
+  const RegValue* findValue(const std::u16string& name) const;
+  void setValue(RegValue value);  // replaces a value of the same name in place
+  void removeValue(const std::u16string& name);
+
+  // Drops the holes that removals leave, in this key and every key below.
+  void compact();
+
+ private:
+  // Items in order, with a name index built once a list grows past a few entries, so
+  // lookups stay cheap in keys with thousands of children. Removal leaves a null hole
+  // until compact(), so a long run of removals is not quadratic.
+  template <typename T>
+  struct NamedList {
+    std::vector<std::unique_ptr<T>> items;
+    std::unordered_map<std::u16string, size_t> index;
+    bool holes = false;
+    T* find(const std::u16string& name) const;
+    void add(std::unique_ptr<T> item);
+    void remove(const std::u16string& name);
+    void compact();
+  };
+
+  std::u16string name_;
+  std::uint64_t lastWriteTime_ = 0;
+  NamedList<RegKey> subKeys_;
+  NamedList<RegValue> values_;
+};
+
+// The machine's registry: the HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER and HKEY_USERS trees.
+class KPLATFORM_API RegistryTree {
+ public:
+  RegistryTree();
+  ~RegistryTree();
+  RegistryTree(const RegistryTree&) = delete;
+  RegistryTree& operator=(const RegistryTree&) = delete;
+
+  // By full name: HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER or HKEY_USERS; null otherwise.
+  RegKey* root(const std::u16string& fullName);
+  const RegKey* root(const std::u16string& fullName) const;
+
+  // A key by its full path ("HKEY_LOCAL_MACHINE\SOFTWARE\X", roots may be abbreviated as
+  // in RootPath), taken literally (no views, no CurrentControlSet); null when missing.
+  const RegKey* find(const std::u16string& path) const;
+
+  void compact();
+
+ private:
+  RegKey localMachine_;
+  RegKey currentUser_;
+  RegKey users_;
+};
+
+// The components of a root's own path: HKLM -> {HKEY_LOCAL_MACHINE}, HKEY_CLASSES_ROOT ->
+// {HKEY_LOCAL_MACHINE, SOFTWARE, Classes} ... Empty for a name that is no root.
+KPLATFORM_API std::vector<std::u16string> RootPath(const std::u16string& rootName);
+
+// Splits at '\'; empty components (doubled or trailing separators) are dropped.
+KPLATFORM_API std::vector<std::u16string> SplitPath(const std::u16string& path);
+
+// Little helpers for data as Windows stores it.
+KPLATFORM_API std::vector<BYTE> Utf16Bytes(const std::u16string& text, bool withNul = true);
+KPLATFORM_API std::u16string Utf16FromBytes(const BYTE* data, size_t size);
+
+}  // namespace platform::recorded
