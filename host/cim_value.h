@@ -105,8 +105,7 @@ class TESSIL_API TCIMValue {
     explicit TCIMType(const std::string& name);
     operator ECIMType() const { return type_; }
     std::string ToString() const;
-    bool operator==(const TCIMType& other) const { return type_ == other.type_; }
-    bool operator!=(const TCIMType& other) const { return type_ != other.type_; }
+    // Compared through the ECIMType conversion.
 
    private:
     ECIMType type_;
@@ -122,6 +121,10 @@ class TESSIL_API TCIMValue {
   TCIMValue(short v);
   TCIMValue(int v);
   TCIMValue(long long v);
+  // long and unsigned long take the CIM type of their width, so that std::uint64_t,
+  // std::size_t and DWORD_PTR values build on LP64 and LLP64 alike.
+  TCIMValue(unsigned long v);
+  TCIMValue(long v);
   TCIMValue(float v);
   TCIMValue(double v);
   TCIMValue(const std::string& v);
