@@ -1,0 +1,179 @@
+// iac end to end: the built command, its plug-in and the default recorded machine.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <string>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Run {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+std::string slurp(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+class IacTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    scratch = fs::temp_directory_path() /
+              ("iac_test_" + std::to_string(::getpid()) + "_" +
+               ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    fs::create_directories(scratch);
+  }
+  void TearDown() override { fs::remove_all(scratch); }
+
+  // Runs iac with `args` (shell words) and an optional environment prefix.
+  Run iac(const std::string& args, const std::string& environment = "") {
+    const fs::path out = scratch / "stdout", err = scratch / "stderr";
+    const std::string command =
+        environment + " " + IA_BIN_DIR "/iac " + args + " >" + out.string() + " 2>" + err.string();
+    const int raw = std::system(command.c_str());
+    return Run{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
+  }
+
+  fs::path scratch;
+};
+
+TEST_F(IacTest, PageFilesOfTheDefaultMachineInNameOrder) {
+  const Run run = iac("collect --class KestovaSG_PageFile --format json");
+  ASSERT_EQ(run.status, 0) << run.err;
+  const auto document = nlohmann::json::parse(run.out);
+  const auto& instances = document.at("instances");
+  ASSERT_EQ(instances.size(), 2u);
+  EXPECT_EQ(instances[0]["properties"]["Name"], "C:\\pagefile.sys");
+  EXPECT_EQ(instances[1]["properties"]["Name"], "D:\\pagefile.sys");
+  for (const auto& instance : instances) {
+    EXPECT_EQ(instance["class"], "KestovaSG_PageFile");
+    EXPECT_TRUE(instance["properties"]["FileSize"].is_number_unsigned());
+    EXPECT_EQ(instance["path"].get<std::string>().rfind("KestovaSG_PageFile.", 0), 0u);
+  }
+  bool normalExit = false;
+  for (const auto& record : document.at("log")) {
+    EXPECT_TRUE(record["level"].is_number_unsigned());
+    normalExit = normalExit || record["message"] == "Normal exit from plugin.";
+  }
+  EXPECT_TRUE(normalExit);
+}
+
+TEST_F(IacTest, EveryFormatRendersTheSameInstances) {
+  const Run table = iac("collect --class KestovaSG_PageFile");
+  ASSERT_EQ(table.status, 0) << table.err;
+  EXPECT_NE(table.out.find("KestovaSG_PageFile: 2 instances"), std::string::npos) << table.out;
+
+  const Run jsonl = iac("collect --class KestovaSG_PageFile --format jsonl");
+  ASSERT_EQ(jsonl.status, 0) << jsonl.err;
+  std::istringstream lines(jsonl.out);
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    EXPECT_EQ(nlohmann::json::parse(line)["class"], "KestovaSG_PageFile");
+  }
+  EXPECT_EQ(count, 2);
+
+  const Run mof = iac("collect --class KestovaSG_PageFile --format mof");
+  ASSERT_EQ(mof.status, 0) << mof.err;
+  EXPECT_EQ(mof.out.rfind("instance of KestovaSG_PageFile\n{\n", 0), 0u) << mof.out;
+  EXPECT_NE(mof.out.find("    Name = \"C:\\\\pagefile.sys\";\n"), std::string::npos) << mof.out;
+}
+
+TEST_F(IacTest, UnknownClassIsNotAnError) {
+  const Run run = iac("collect --class KestovaSG_NoSuchClass --format json");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_TRUE(nlohmann::json::parse(run.out)["instances"].empty());
+}
+
+TEST_F(IacTest, LogFileKeepsMessagesUpToTheChosenLevel) {
+  const fs::path log = scratch / "run.log";
+  const Run run = iac("collect --class KestovaSG_PageFile --log-level 3 --log " + log.string());
+  ASSERT_EQ(run.status, 0) << run.err;
+  const std::string text = slurp(log);
+  EXPECT_NE(text.find("3\tNormal exit from plugin.\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("\n4\t"), std::string::npos) << text;
+}
+
+struct BadInput {
+  const char* args;
+  int status;
+  const char* mentions;  // in stderr
+};
+
+class IacBadInputTest : public IacTest, public ::testing::WithParamInterface<BadInput> {};
+
+TEST_P(IacBadInputTest, ClearMessageNonZeroExitNothingPrinted) {
+  const BadInput& c = GetParam();
+  const Run run = iac(c.args);
+  EXPECT_EQ(run.status, c.status);
+  EXPECT_NE(run.err.find(c.mentions), std::string::npos) << run.err;
+  EXPECT_TRUE(run.out.empty()) << run.out;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, IacBadInputTest,
+    ::testing::Values(BadInput{"collect --format xml", 2, "--format"},
+                      BadInput{"collect --machine /nonexistent/machine", 2, "/nonexistent/machine"},
+                      BadInput{"collect --log-level 9", 2, "--log-level"},
+                      BadInput{"collect --plugin /nonexistent/plugin.so", 2,
+                               "/nonexistent/plugin.so"},
+                      BadInput{"frobnicate", 2, "frobnicate"}, BadInput{"", 2, "subcommand"}));
+
+TEST_F(IacTest, BrokenMachineIsRefusedNamingTheFile) {
+  std::ofstream(scratch / "machine.json") << "{ \"system\": 12 }";
+  const Run run = iac("collect --machine " + scratch.string());
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("machine.json"), std::string::npos) << run.err;
+  EXPECT_TRUE(run.out.empty());
+}
+
+TEST_F(IacTest, PluginThatIsNotAPluginIsRefusedNamingTheFile) {
+  const fs::path fake = scratch / "notaplugin.so";
+  std::ofstream(fake) << "not a shared library";
+  const Run run = iac("collect --plugin " + fake.string());
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("notaplugin.so"), std::string::npos) << run.err;
+}
+
+TEST_F(IacTest, ClassesListsTheSchema) {
+  const Run run = iac("classes");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("KestovaSG_PageFile\n"), std::string::npos);
+  EXPECT_NE(run.out.find("    uint64 FileSize\n"), std::string::npos);
+  EXPECT_NE(run.out.find("KestovaSG_UserEnvironmentVariable : KestovaSG_EnvironmentVariable"),
+            std::string::npos);
+}
+
+TEST_F(IacTest, RegQueryOfARealHiveThroughCurrentControlSet) {
+  const fs::path hive = fs::path(IA_REALDATA_DIR) / "hives" / "win7-SYSTEM";
+  if (!fs::exists(hive)) GTEST_SKIP() << "no real data at " << hive;
+  fs::create_directories(scratch / "hives");
+  fs::create_symlink(hive, scratch / "hives" / "SYSTEM");
+  const Run run =
+      iac("reg query --machine " + scratch.string() +
+          " \"HKLM\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment\"");
+  ASSERT_EQ(run.status, 0) << run.err;
+  int values = 0;
+  std::istringstream lines(run.out);
+  for (std::string line; std::getline(lines, line);) values += line.rfind("    ", 0) == 0;
+  EXPECT_EQ(values, 17) << run.out;
+}
+
+TEST_F(IacTest, RegQueryOfAMissingKeyFails) {
+  const Run run = iac("reg query \"HKLM\\SOFTWARE\\No\\Such\\Key\"");
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("ERROR:"), std::string::npos) << run.err;
+}
+
+}  // namespace
