@@ -1,0 +1,218 @@
+#include "platform/recorded/machine_pdh.h"
+
+#include <cstring>
+
+#include "platform/recorded/machine_json.h"
+
+namespace platform::recorded {
+
+struct RecordedPdh::Query {
+  bool collected = false;
+};
+
+struct RecordedPdh::Counter {
+  Query* query;
+  std::string path;
+  PdhCounterFacts facts;
+  DWORD_PTR userData;
+};
+
+namespace {
+
+constexpr PDH_STATUS PDH_NO_DATA = static_cast<PDH_STATUS>(0x800007D5u);
+constexpr PDH_STATUS PDH_INVALID_DATA = static_cast<PDH_STATUS>(0xC0000BC6u);
+
+const char* const kCalls[] = {"makeCounterPath", "openQuery",        "addCounter",
+                              "getCounterInfo",  "collectQueryData", "getFormattedCounterValue",
+                              "removeCounter",   "closeQuery"};
+
+}  // namespace
+
+PdhFacts ReadPdhFacts(const Field& pdh) {
+  PdhFacts f;
+  if (!pdh.present() || pdh.isNull()) return f;
+  f.recorded = true;
+  pdh.expectKeys({"status", "counters"});
+  Field status = pdh["status"];
+  status.expectKeys(
+      {kCalls[0], kCalls[1], kCalls[2], kCalls[3], kCalls[4], kCalls[5], kCalls[6], kCalls[7]});
+  for (const auto& [call, code] : status.members())
+    f.status[call] = static_cast<PDH_STATUS>(code.asCode());
+  for (const auto& [path, c] : pdh["counters"].members()) {
+    c.expectKeys({"type", "value"});
+    PdhCounterFacts counter;
+    counter.type = c["type"].asCode();
+    if (c["value"].json().is_number_integer()) {
+      counter.value = c["value"].asSigned(INT64_MIN, INT64_MAX);
+      counter.doubleValue = static_cast<double>(counter.value);
+    } else {
+      counter.doubleValue = c["value"].asNumber();
+      counter.value = static_cast<LONGLONG>(counter.doubleValue);
+    }
+    f.counters[path] = counter;
+  }
+  return f;
+}
+
+RecordedPdh::RecordedPdh(PdhFacts facts) : facts_(std::move(facts)) {}
+RecordedPdh::~RecordedPdh() = default;
+
+PDH_STATUS RecordedPdh::forced(const char* call) const {
+  auto it = facts_.status.find(call);
+  return it == facts_.status.end() ? PDH_CSTATUS_VALID_DATA : it->second;
+}
+
+std::string RecordedPdh::CounterPath(const PDH_COUNTER_PATH_ELEMENTS_A& e) {
+  std::string path;
+  if (e.szMachineName && *e.szMachineName) {
+    if (e.szMachineName[0] != '\\') path += "\\\\";
+    path += e.szMachineName;
+  }
+  path += "\\";
+  path += e.szObjectName;
+  if (e.szInstanceName && *e.szInstanceName) {
+    path += "(";
+    if (e.szParentInstance && *e.szParentInstance) path += std::string(e.szParentInstance) + "/";
+    path += e.szInstanceName;
+    if (e.dwInstanceIndex) path += "#" + std::to_string(e.dwInstanceIndex);
+    path += ")";
+  }
+  path += "\\";
+  path += e.szCounterName;
+  return path;
+}
+
+PDH_STATUS RecordedPdh::PdhMakeCounterPathA(PDH_COUNTER_PATH_ELEMENTS_A* elements, char* path,
+                                            DWORD* size, DWORD) {
+  if (PDH_STATUS s = forced("makeCounterPath")) return s;
+  if (!elements || !size || !elements->szObjectName || !elements->szCounterName)
+    return PDH_INVALID_ARGUMENT;
+  const std::string text = CounterPath(*elements);
+  const DWORD needed = static_cast<DWORD>(text.size() + 1);
+  if (!path || *size < needed) {
+    *size = needed;
+    return PDH_MORE_DATA;
+  }
+  std::memcpy(path, text.c_str(), needed);
+  *size = needed;
+  return PDH_CSTATUS_VALID_DATA;
+}
+
+PDH_STATUS RecordedPdh::PdhOpenQueryA(const char*, DWORD_PTR, PDH_HQUERY* query) {
+  if (PDH_STATUS s = forced("openQuery")) return s;
+  if (!query) return PDH_INVALID_ARGUMENT;
+  auto q = std::make_unique<Query>();
+  *query = reinterpret_cast<PDH_HQUERY>(q.get());
+  queries_.insert(std::move(q));
+  return PDH_CSTATUS_VALID_DATA;
+}
+
+PDH_STATUS RecordedPdh::PdhAddCounterA(PDH_HQUERY query, const char* path, DWORD_PTR userData,
+                                       PDH_HCOUNTER* counter) {
+  if (PDH_STATUS s = forced("addCounter")) return s;
+  Query* q = nullptr;
+  for (const auto& owned : queries_)
+    if (reinterpret_cast<PDH_HQUERY>(owned.get()) == query) q = owned.get();
+  if (!q) return PDH_INVALID_HANDLE;
+  if (!path || !counter) return PDH_INVALID_ARGUMENT;
+  auto it = facts_.counters.find(path);
+  if (it == facts_.counters.end()) return PDH_CSTATUS_NO_OBJECT;
+  auto c = std::make_unique<Counter>(Counter{q, path, it->second, userData});
+  *counter = reinterpret_cast<PDH_HCOUNTER>(c.get());
+  counters_.insert(std::move(c));
+  return PDH_CSTATUS_VALID_DATA;
+}
+
+RecordedPdh::Counter* RecordedPdh::findCounter(PDH_HCOUNTER handle) const {
+  for (const auto& c : counters_)
+    if (reinterpret_cast<PDH_HCOUNTER>(c.get()) == handle) return c.get();
+  return nullptr;
+}
+
+PDH_STATUS RecordedPdh::PdhGetCounterInfoA(PDH_HCOUNTER handle, BOOLEAN, DWORD* size,
+                                           PDH_COUNTER_INFO_A* info) {
+  if (PDH_STATUS s = forced("getCounterInfo")) return s;
+  Counter* c = findCounter(handle);
+  if (!c) return PDH_INVALID_HANDLE;
+  if (!size) return PDH_INVALID_ARGUMENT;
+  // The record, then the full path in the caller's buffer.
+  const DWORD needed =
+      static_cast<DWORD>(offsetof(PDH_COUNTER_INFO_A, DataBuffer) + c->path.size() + 1);
+  if (!info || *size < needed) {
+    *size = needed;
+    return PDH_MORE_DATA;
+  }
+  std::memset(info, 0, needed);
+  info->dwLength = needed;
+  info->dwType = c->facts.type;
+  info->CVersion = 0x0501;
+  info->CStatus = PDH_CSTATUS_VALID_DATA;
+  info->dwUserData = c->userData;
+  char* text = reinterpret_cast<char*>(info) + offsetof(PDH_COUNTER_INFO_A, DataBuffer);
+  std::memcpy(text, c->path.c_str(), c->path.size() + 1);
+  info->szFullPath = text;
+  *size = needed;
+  return PDH_CSTATUS_VALID_DATA;
+}
+
+PDH_STATUS RecordedPdh::PdhCollectQueryData(PDH_HQUERY query) {
+  if (PDH_STATUS s = forced("collectQueryData")) return s;
+  for (const auto& q : queries_) {
+    if (reinterpret_cast<PDH_HQUERY>(q.get()) != query) continue;
+    bool any = false;
+    for (const auto& c : counters_) any = any || c->query == q.get();
+    if (!any) return PDH_NO_DATA;
+    q->collected = true;
+    return PDH_CSTATUS_VALID_DATA;
+  }
+  return PDH_INVALID_HANDLE;
+}
+
+PDH_STATUS RecordedPdh::PdhGetFormattedCounterValue(PDH_HCOUNTER handle, DWORD format, DWORD* type,
+                                                    PDH_FMT_COUNTERVALUE* value) {
+  if (PDH_STATUS s = forced("getFormattedCounterValue")) return s;
+  Counter* c = findCounter(handle);
+  if (!c) return PDH_INVALID_HANDLE;
+  if (!value) return PDH_INVALID_ARGUMENT;
+  if (type) *type = c->facts.type;
+  if (!c->query->collected) {
+    value->CStatus = static_cast<DWORD>(PDH_CSTATUS_INVALID_DATA);
+    return PDH_INVALID_DATA;
+  }
+  value->CStatus = PDH_CSTATUS_VALID_DATA;
+  if (format & PDH_FMT_LONG) {
+    value->longValue = static_cast<LONG>(c->facts.value);
+  } else if (format & PDH_FMT_DOUBLE) {
+    value->doubleValue = c->facts.doubleValue;
+  } else if (format & PDH_FMT_LARGE) {
+    value->largeValue = c->facts.value;
+  } else {
+    return PDH_INVALID_ARGUMENT;
+  }
+  return PDH_CSTATUS_VALID_DATA;
+}
+
+PDH_STATUS RecordedPdh::PdhRemoveCounter(PDH_HCOUNTER handle) {
+  if (PDH_STATUS s = forced("removeCounter")) return s;
+  for (auto it = counters_.begin(); it != counters_.end(); ++it) {
+    if (reinterpret_cast<PDH_HCOUNTER>(it->get()) == handle) {
+      counters_.erase(it);
+      return PDH_CSTATUS_VALID_DATA;
+    }
+  }
+  return PDH_INVALID_HANDLE;
+}
+
+PDH_STATUS RecordedPdh::PdhCloseQuery(PDH_HQUERY query) {
+  if (PDH_STATUS s = forced("closeQuery")) return s;
+  for (auto it = queries_.begin(); it != queries_.end(); ++it) {
+    if (reinterpret_cast<PDH_HQUERY>(it->get()) != query) continue;
+    for (auto c = counters_.begin(); c != counters_.end();)
+      c = (*c)->query == it->get() ? counters_.erase(c) : std::next(c);
+    queries_.erase(it);
+    return PDH_CSTATUS_VALID_DATA;
+  }
+  return PDH_INVALID_HANDLE;
+}
+
+}  // namespace platform::recorded
