@@ -104,7 +104,8 @@ class Parser {
       } else if (c == u'"' || c == u'@') {
         valueLine();
       } else {
-        fail(line_, "unexpected text " + Quote(Trim(readLine())));
+        const size_t at = line_;
+        fail(at, "unexpected text " + Quote(Trim(readLine())));
       }
     }
   }

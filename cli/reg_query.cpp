@@ -1,0 +1,212 @@
+// iac reg query. Goes through platform::Registry rather than the recorded tree so that it
+// shows a live Windows registry the same way, and exercises the calls the collectors use.
+#include "cli/reg_query.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <stdexcept>
+#include <vector>
+
+#include "platform/recorded/codepage.h"
+
+namespace iac {
+
+namespace {
+
+using platform::BYTE;
+using platform::DWORD;
+using platform::HKEY;
+using platform::LONG;
+using platform::recorded::AnsiToWide;
+using platform::recorded::Utf8ToWide;
+using platform::recorded::WideToAnsi;
+using platform::recorded::WideToUtf8;
+
+const char kNotFound[] =
+    "ERROR: The system was unable to find the specified registry key or value.";
+
+struct Root {
+  const char* shortName;
+  const char* longName;
+  HKEY key;
+};
+
+const char* TypeName(DWORD type) {
+  static const char* const names[] = {"REG_NONE",
+                                      "REG_SZ",
+                                      "REG_EXPAND_SZ",
+                                      "REG_BINARY",
+                                      "REG_DWORD",
+                                      "REG_DWORD_BIG_ENDIAN",
+                                      "REG_LINK",
+                                      "REG_MULTI_SZ",
+                                      "REG_RESOURCE_LIST",
+                                      "REG_FULL_RESOURCE_DESCRIPTOR",
+                                      "REG_RESOURCE_REQUIREMENTS_LIST",
+                                      "REG_QWORD"};
+  return type < sizeof(names) / sizeof(names[0]) ? names[type] : "REG_UNKNOWN";
+}
+
+class Query {
+ public:
+  Query(platform::Registry& reg, std::ostream& out, unsigned codePage)
+      : reg_(reg), out_(out), codePage_(codePage) {}
+
+  std::string utf8(const std::string& ansi) const {
+    return WideToUtf8(AnsiToWide(ansi, codePage_));
+  }
+
+  std::string format(DWORD type, const std::vector<BYTE>& data) const {
+    const std::string raw(data.begin(), data.end());
+    char number[32];
+    switch (type) {
+      case platform::REG_SZ:
+      case platform::REG_EXPAND_SZ:
+        return utf8(raw.substr(0, raw.find('\0')));
+      case platform::REG_MULTI_SZ: {
+        std::string joined;
+        size_t start = 0;
+        while (start < raw.size()) {
+          size_t end = raw.find('\0', start);
+          if (end == std::string::npos) end = raw.size();
+          if (end == start) break;  // the empty string that ends the list
+          if (start > 0) joined += "\\0";
+          joined += utf8(raw.substr(start, end - start));
+          start = end + 1;
+        }
+        return joined;
+      }
+      case platform::REG_DWORD:
+      case platform::REG_DWORD_BIG_ENDIAN:
+        if (data.size() == 4) {
+          const DWORD v = type == platform::REG_DWORD
+                              ? data[0] | data[1] << 8 | data[2] << 16 | DWORD{data[3]} << 24
+                              : data[3] | data[2] << 8 | data[1] << 16 | DWORD{data[0]} << 24;
+          std::snprintf(number, sizeof number, "0x%x", v);
+          return number;
+        }
+        break;
+      case platform::REG_QWORD:
+        if (data.size() == 8) {
+          unsigned long long v = 0;
+          for (size_t i = 8; i-- > 0;) v = (v << 8) | data[i];
+          std::snprintf(number, sizeof number, "0x%llx", v);
+          return number;
+        }
+        break;
+      default:
+        break;
+    }
+    std::string hex;
+    for (BYTE b : data) {
+      std::snprintf(number, sizeof number, "%02X", b);
+      hex += number;
+    }
+    return hex;
+  }
+
+  void key(HKEY key, const std::string& path, bool recursive) {
+    out_ << path << "\n";
+    DWORD subKeys = 0, values = 0, maxName = 0, maxData = 0;
+    reg_.RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, &values,
+                          &maxName, &maxData, nullptr, nullptr);
+    // Lengths come as UTF-16 counts; a double-byte code page needs up to twice as many.
+    std::vector<char> name(maxName * 2 + 2);
+    std::vector<BYTE> data(maxData + 2);
+    DWORD printed = 0;
+    for (DWORD i = 0;; ++i) {
+      DWORD nameLength = static_cast<DWORD>(name.size());
+      DWORD dataLength = static_cast<DWORD>(data.size());
+      DWORD type = 0;
+      const LONG rc = reg_.RegEnumValueA(key, i, name.data(), &nameLength, nullptr, &type,
+                                         data.data(), &dataLength);
+      if (rc == platform::ERROR_MORE_DATA) {
+        name.resize(name.size() * 2);
+        data.resize(std::max<size_t>(data.size(), dataLength));
+        --i;
+        continue;
+      }
+      if (rc != platform::ERROR_SUCCESS) break;
+      const std::string shown =
+          nameLength ? utf8(std::string(name.data(), nameLength)) : std::string("(Default)");
+      out_ << "    " << shown << "    " << TypeName(type) << "    "
+           << format(type, std::vector<BYTE>(data.begin(), data.begin() + dataLength)) << "\n";
+      ++printed;
+    }
+    if (printed || recursive) out_ << "\n";
+
+    std::vector<char> subName(512);
+    DWORD listed = 0;
+    for (DWORD i = 0;; ++i) {
+      DWORD length = static_cast<DWORD>(subName.size());
+      const LONG rc =
+          reg_.RegEnumKeyExA(key, i, subName.data(), &length, nullptr, nullptr, nullptr, nullptr);
+      if (rc != platform::ERROR_SUCCESS) break;
+      const std::string subPath = path + "\\" + utf8(std::string(subName.data(), length));
+      if (recursive) {
+        HKEY sub = nullptr;
+        if (reg_.RegOpenKeyExA(key, subName.data(), 0, platform::KEY_READ, &sub) ==
+            platform::ERROR_SUCCESS) {
+          this->key(sub, subPath, true);
+          reg_.RegCloseKey(sub);
+        }
+      } else {
+        out_ << subPath << "\n";
+        ++listed;
+      }
+    }
+    if (listed) out_ << "\n";
+  }
+
+ private:
+  platform::Registry& reg_;
+  std::ostream& out_;
+  unsigned codePage_;
+};
+
+}  // namespace
+
+int RunRegQuery(platform::Registry& reg, const std::string& keyPath, bool recursive,
+                std::ostream& out, std::ostream& err, unsigned codePage) {
+  const Root roots[] = {
+      {"HKLM", "HKEY_LOCAL_MACHINE", platform::HKEY_LOCAL_MACHINE},
+      {"HKCU", "HKEY_CURRENT_USER", platform::HKEY_CURRENT_USER},
+      {"HKCR", "HKEY_CLASSES_ROOT", platform::HKEY_CLASSES_ROOT},
+      {"HKU", "HKEY_USERS", platform::HKEY_USERS},
+  };
+  std::string path = keyPath;
+  while (!path.empty() && path.back() == '\\') path.pop_back();
+  const size_t slash = path.find('\\');
+  std::string rootName = path.substr(0, slash);
+  for (auto& c : rootName) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  const std::string rest = slash == std::string::npos ? std::string() : path.substr(slash + 1);
+
+  const Root* root = nullptr;
+  for (const auto& r : roots) {
+    if (rootName == r.shortName || rootName == r.longName) root = &r;
+  }
+  if (!root) {
+    err << "ERROR: Invalid key name.\n";
+    return 1;
+  }
+  HKEY key = nullptr;
+  std::string ansi;
+  try {
+    ansi = WideToAnsi(Utf8ToWide(rest), codePage);
+  } catch (const std::invalid_argument&) {
+    ansi = rest;
+  }
+  if (reg.RegOpenKeyExA(root->key, ansi.c_str(), 0, platform::KEY_READ, &key) !=
+      platform::ERROR_SUCCESS) {
+    err << kNotFound << "\n";
+    return 1;
+  }
+  out << "\n";
+  Query(reg, out, codePage)
+      .key(key, rest.empty() ? root->longName : root->longName + ("\\" + rest), recursive);
+  reg.RegCloseKey(key);
+  return 0;
+}
+
+}  // namespace iac

@@ -1,0 +1,290 @@
+// The .reg parser: value kinds, encodings, removals, errors, real exports, hostile input.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "platform/recorded/codepage.h"
+#include "platform/recorded/record_error.h"
+#include "platform/recorded/reg_parser.h"
+
+using platform::BYTE;
+using platform::RecordError;
+using namespace platform::recorded;
+
+namespace {
+
+const std::string kHeader = "Windows Registry Editor Version 5.00\r\n\r\n";
+const std::u16string kKey = u"HKEY_LOCAL_MACHINE\\SOFTWARE\\T";
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+std::string Utf16File(const std::u16string& text) {
+  std::string bytes = "\xFF\xFE";
+  for (char16_t c : text) {
+    bytes += static_cast<char>(c & 0xFF);
+    bytes += static_cast<char>(c >> 8);
+  }
+  return bytes;
+}
+
+size_t CountKeys(const RegKey& key) {
+  size_t n = 1;
+  for (size_t i = 0; i < key.subKeyCount(); ++i) n += CountKeys(key.subKey(i));
+  return n;
+}
+
+std::string Bytes(const std::vector<BYTE>& data) {
+  return std::string(data.begin(), data.end());
+}
+
+std::string Wide(const std::string& ascii) {  // ASCII text as UTF-16LE bytes
+  std::string out;
+  for (char c : ascii) out += std::string{c, '\0'};
+  return out;
+}
+
+}  // namespace
+
+TEST(RegParser, ValueKinds) {
+  struct Case {
+    const char* line;
+    const char* name;
+    platform::DWORD type;
+    std::string data;
+  };
+  const Case cases[] = {
+      {R"("s"="a\\b\"c")", "s", platform::REG_SZ, Wide("a\\b\"c") + std::string(2, '\0')},
+      {R"("empty"="")", "empty", platform::REG_SZ, std::string(2, '\0')},
+      {R"(@="def")", "", platform::REG_SZ, Wide("def") + std::string(2, '\0')},
+      {R"("a=b"="x")", "a=b", platform::REG_SZ, Wide("x") + std::string(2, '\0')},
+      {R"("d"=dword:0000000b)", "d", platform::REG_DWORD, std::string("\x0b\0\0\0", 4)},
+      {R"("dmax"=dword:FFFFFFFF)", "dmax", platform::REG_DWORD, "\xFF\xFF\xFF\xFF"},
+      {R"("b"=hex:de,AD,0f)", "b", platform::REG_BINARY, "\xDE\xAD\x0F"},
+      {R"("nobytes"=hex:)", "nobytes", platform::REG_BINARY, ""},
+      {R"("none"=hex(0):01)", "none", platform::REG_NONE, "\x01"},
+      {R"("e"=hex(2):25,00,41,00,25,00,00,00)", "e", platform::REG_EXPAND_SZ,
+       Wide("%A%") + std::string(2, '\0')},
+      {R"("m"=hex(7):61,00,00,00,62,00,00,00,00,00)", "m", platform::REG_MULTI_SZ,
+       std::string("a\0\0\0b\0\0\0\0\0", 10)},
+      {R"("q"=hex(b):01,00,00,00,00,00,00,80)", "q", platform::REG_QWORD,
+       std::string("\x01\0\0\0\0\0\0\x80", 8)},
+      {"\"cont\"=hex:01,02,\\\r\n  03,\\\r\n  04", "cont", platform::REG_BINARY,
+       "\x01\x02\x03\x04"},
+      {"\"multi\"=\"one\r\r\ntwo\r\nthree\"", "multi", platform::REG_SZ,
+       Wide("one\r\ntwo\nthree") + std::string(2, '\0')},
+      {"\"  spaced\" = \"v\"  ", "  spaced", platform::REG_SZ, Wide("v") + std::string(2, '\0')},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
+    RegistryTree tree;
+    ApplyRegFile(tree, "t.reg", kHeader + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\T]\r\n" + c.line + "\r\n",
+                 1252);
+    const RegKey* key = tree.find(kKey);
+    ASSERT_NE(key, nullptr);
+    const RegValue* value = key->findValue(Utf8ToWide(c.name));
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(value->type, c.type);
+    EXPECT_EQ(Bytes(value->data), c.data);
+  }
+}
+
+TEST(RegParser, RootsRemovalsAndOrder) {
+  RegistryTree tree;
+  ApplyRegFile(tree, "t.reg",
+               kHeader +
+                   "[HKEY_CLASSES_ROOT\\.txt]\n@=\"txtfile\"\n"
+                   "[HKCU\\Environment]\n\"TEMP\"=\"t\"\n"
+                   "[HKEY_USERS\\S-1-5-18]\n"
+                   "[HKLM\\SOFTWARE\\Keep\\Zeta]\n[HKLM\\SOFTWARE\\Keep\\alpha]\n"
+                   "[HKLM\\SOFTWARE\\Keep\\Gone\\Deep]\n"
+                   "[HKLM\\SOFTWARE\\Keep]\n\"v1\"=\"1\"\n\"v2\"=\"2\"\n\"V1\"=-\n"
+                   "[-HKLM\\SOFTWARE\\keep\\GONE]\n\"ignored\"=\"because the key is removed\"\n"
+                   "[-HKLM\\SOFTWARE\\Never\\There]\n",
+               1252);
+  EXPECT_NE(tree.find(u"HKEY_LOCAL_MACHINE\\SOFTWARE\\Classes\\.txt"), nullptr);
+  EXPECT_NE(tree.find(u"HKEY_CURRENT_USER\\Environment"), nullptr);
+  EXPECT_NE(tree.find(u"HKEY_USERS\\S-1-5-18"), nullptr);
+  const RegKey* keep = tree.find(u"HKLM\\software\\KEEP");
+  ASSERT_NE(keep, nullptr);
+  EXPECT_EQ(keep->name(), u"Keep");    // case as first written
+  ASSERT_EQ(keep->subKeyCount(), 2u);  // insertion order, not sorted
+  EXPECT_EQ(keep->subKey(0).name(), u"Zeta");
+  EXPECT_EQ(keep->subKey(1).name(), u"alpha");
+  ASSERT_EQ(keep->valueCount(), 1u);
+  EXPECT_EQ(keep->value(0).name, u"v2");
+  EXPECT_EQ(tree.find(u"HKLM\\SOFTWARE\\Never"), nullptr);
+}
+
+TEST(RegParser, EncodingsAgree) {
+  const std::u16string text =
+      u"Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\T]\r\n"
+      u"\"Имя\"=\"Привет\"\r\n";
+  const std::string utf8 = WideToUtf8(text);
+  struct Case {
+    const char* what;
+    std::string bytes;
+    unsigned codePage;
+  };
+  const Case cases[] = {
+      {"UTF-16LE with BOM", Utf16File(text), 1252},
+      {"UTF-8 with BOM", "\xEF\xBB\xBF" + utf8, 1252},
+      {"UTF-8 without BOM", utf8, 1252},
+      {"REGEDIT4 in CP1251",
+       "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\T]\r\n\"\xC8\xEC\xFF\"="
+       "\"\xCF\xF0\xE8\xE2\xE5\xF2\"\r\n",
+       1251},
+      {"REGEDIT4 hex(2) holds ANSI bytes",
+       "REGEDIT4\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\T]\r\n\"\xC8\xEC\xFF\"=hex(1):cf,f0,e8,e2,"
+       "e5,f2,00\r\n",
+       1251},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    RegistryTree tree;
+    ApplyRegFile(tree, "t.reg", c.bytes, c.codePage);
+    const RegKey* key = tree.find(kKey);
+    ASSERT_NE(key, nullptr);
+    const RegValue* value = key->findValue(u"имя");  // case-insensitive in Cyrillic too
+    ASSERT_NE(value, nullptr);
+    EXPECT_EQ(value->type, platform::REG_SZ);
+    EXPECT_EQ(Utf16FromBytes(value->data.data(), value->data.size()),
+              std::u16string(u"Привет") + u'\0');
+  }
+}
+
+TEST(RegParser, ErrorsNameFileAndLine) {
+  const struct {
+    std::string text;
+    const char* message;
+  } cases[] = {
+      {"REGEDIT5\n", "Uninstall.reg:1: not a registry export"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"b\"=hex:01,zz\n", "Uninstall.reg:4: bad hex byte 'zz'"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"b\"=hex:01,\\\n  02,\\\n  123\n",
+       "Uninstall.reg:6: bad hex byte '123'"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"d\"=dword:123456789\n", "Uninstall.reg:4: bad dword"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"d\"=dword:\n", "Uninstall.reg:4: bad dword"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"s\"=\"never closed\n\n",
+       "Uninstall.reg:4: string without"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"s\"=\"a\" junk\n",
+       "Uninstall.reg:4: unexpected text after"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"s\"=str:abc\n",
+       "Uninstall.reg:4: unrecognised value type"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"s\"=hex(zz):00\n", "Uninstall.reg:4: bad value type"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\n\"s\" \"x\"\n", "Uninstall.reg:4: expected '='"},
+      {kHeader + "\"s\"=\"x\"\n", "Uninstall.reg:3: value outside a key"},
+      {kHeader + "[HKEY_NOWHERE\\T]\n", "Uninstall.reg:3: unknown root key 'HKEY_NOWHERE'"},
+      {kHeader + "[HKLM\\SOFTWARE\\T\n", "Uninstall.reg:3: key line without closing ']'"},
+      {kHeader + "[HKLM\\SOFTWARE\\T]\nnonsense\n", "Uninstall.reg:4: unexpected text 'nonsense'"},
+      {kHeader + "[HKLM\\" + std::string(256, 'k') + "]\n", "Uninstall.reg:3: key name longer"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    RegistryTree tree;
+    try {
+      ApplyRegFile(tree, "Uninstall.reg", c.text, 1252);
+      ADD_FAILURE() << "accepted";
+    } catch (const RecordError& e) {
+      EXPECT_EQ(std::string(e.what()).rfind(c.message, 0), 0u) << e.what();
+    }
+  }
+}
+
+TEST(RegParser, DeepKeysAreRefused) {
+  std::string path = "HKLM";
+  for (int i = 0; i < 600; ++i) path += "\\k";
+  RegistryTree tree;
+  EXPECT_THROW(ApplyRegFile(tree, "t.reg", kHeader + "[" + path + "]\n", 1252), RecordError);
+}
+
+// Every prefix and many corruptions of a small export: the parser either reads it or
+// refuses it with a RecordError (the sanitizer build checks that it stays in bounds).
+TEST(RegParser, HostileInputNeverCrashes) {
+  const std::string sample = Utf16File(Utf8ToWide(
+      kHeader +
+      "[HKLM\\SOFTWARE\\T]\r\n@=\"d\"\r\n\"s\"=\"a\\\\\\\"b\r\nc\"\r\n\"h\"=hex(7):61,00,\\\r\n"
+      "  00,00\r\n\"d\"=dword:1\r\n\"x\"=-\r\n[-HKLM\\SOFTWARE\\T]\r\n"));
+  size_t refused = 0;
+  auto attempt = [&](const std::string& bytes) {
+    RegistryTree tree;
+    try {
+      ApplyRegFile(tree, "t.reg", bytes, 1252);
+    } catch (const RecordError&) {
+      ++refused;
+    }
+  };
+  for (size_t n = 0; n <= sample.size(); ++n) attempt(sample.substr(0, n));
+  unsigned seed = 12345;
+  for (int i = 0; i < 3000; ++i) {
+    std::string bytes = sample;
+    for (int flips = 0; flips < 3; ++flips) {
+      seed = seed * 1103515245 + 12345;
+      const char pick[] = {'"', '\\', '\n', '\r', '[', ']', '=', ':', ',', '@', '-', '\0', 'z'};
+      bytes[2 + (seed >> 8) % (bytes.size() - 2)] = pick[(seed >> 20) % sizeof(pick)];
+    }
+    attempt(bytes);
+  }
+  EXPECT_GT(refused, 0u);
+}
+
+// Many keys made and removed again, and one key with very many values: linear work.
+TEST(RegParser, LargeInputStaysLinear) {
+  std::string text = kHeader;
+  for (int i = 0; i < 40000; ++i) text += "[HKLM\\SOFTWARE\\Many\\k" + std::to_string(i) + "]\n";
+  for (int i = 0; i < 40000; ++i) text += "[-HKLM\\SOFTWARE\\Many\\k" + std::to_string(i) + "]\n";
+  text += "[HKLM\\SOFTWARE\\Values]\n";
+  for (int i = 0; i < 40000; ++i) text += "\"v" + std::to_string(i) + "\"=dword:1\n";
+  const auto start = std::chrono::steady_clock::now();
+  RegistryTree tree;
+  ApplyRegFile(tree, "t.reg", text, 1252);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+  EXPECT_EQ(tree.find(u"HKLM\\SOFTWARE\\Many")->subKeyCount(), 0u);
+  EXPECT_EQ(tree.find(u"HKLM\\SOFTWARE\\Values")->valueCount(), 40000u);
+}
+
+TEST(RegParserRealData, EveryExportParses) {
+  const std::filesystem::path dir = std::filesystem::path(IA_REALDATA_DIR) / "reg";
+  if (!std::filesystem::is_directory(dir)) GTEST_SKIP() << "no real data at " << dir;
+  size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    SCOPED_TRACE(entry.path().string());
+    RegistryTree tree;
+    EXPECT_NO_THROW(ApplyRegFile(tree, entry.path().filename().string(),
+                                 ReadFile(entry.path().string()), 1252));
+    EXPECT_NE(tree.find(u"HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall"), nullptr);
+    ++files;
+  }
+  EXPECT_GE(files, 3u);
+}
+
+TEST(RegParserRealData, XpExportKeepsKeysAndMultiLineStrings) {
+  const std::string path = std::string(IA_REALDATA_DIR) + "/reg/xp-Uninstall.reg";
+  if (!std::filesystem::exists(path)) GTEST_SKIP() << "no real data at " << path;
+  RegistryTree tree;
+  ApplyRegFile(tree, "xp-Uninstall.reg", ReadFile(path), 1252);
+  const RegKey* uninstall =
+      tree.find(u"HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall");
+  ASSERT_NE(uninstall, nullptr);
+  EXPECT_EQ(CountKeys(*uninstall), 536u);
+
+  // Comments spanning three lines; the stored "\r\n" comes back whole.
+  size_t multiLine = 0;
+  for (size_t i = 0; i < uninstall->subKeyCount(); ++i) {
+    const RegValue* comments = uninstall->subKey(i).findValue(u"Comments");
+    if (!comments) continue;
+    const std::u16string text = Utf16FromBytes(comments->data.data(), comments->data.size());
+    if (text.find(u"Extended.\r\nIf you later install") != std::u16string::npos) {
+      ++multiLine;
+      EXPECT_NE(text.find(u"automatically.\r\nFor more information"), std::u16string::npos);
+      EXPECT_EQ(text.back(), u'\0');
+    }
+  }
+  EXPECT_GE(multiLine, 3u);
+}

@@ -1,0 +1,95 @@
+// iac reg query output. The command's source is compiled in here: it is a thin layer over
+// kplatform, which this executable links.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "cli/reg_query.cpp"  // NOLINT(build/include)
+#include "platform/recorded/recorded_registry.h"
+
+namespace {
+
+const char kMachine[] =
+    "Windows Registry Editor Version 5.00\n"
+    "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Demo]\n"
+    "@=\"top\"\n"
+    "\"Text\"=\"caf\xC3\xA9\"\n"
+    "\"Count\"=dword:0000002a\n"
+    "\"Blob\"=hex:de,ad,01\n"
+    "\"List\"=hex(7):61,00,00,00,62,00,00,00,00,00\n"
+    "\"Path\"=hex(2):25,00,54,00,25,00,00,00\n"
+    "\"Big\"=hex(b):01,00,00,00,01,00,00,00\n"
+    "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Child]\n"
+    "\"Inner\"=\"x\"\n"
+    "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Empty]\n";
+
+}  // namespace
+
+TEST(RegQuery, PrintsLikeWindows) {
+  platform::recorded::RecordedRegistry reg;
+  reg.loadRegFile("demo.reg", kMachine);
+  const struct {
+    const char* path;
+    bool recursive;
+    const char* expected;
+  } cases[] = {
+      {"HKLM\\SOFTWARE\\Demo", false,
+       "\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\n"
+       "    (Default)    REG_SZ    top\n"
+       "    Text    REG_SZ    caf\xC3\xA9\n"
+       "    Count    REG_DWORD    0x2a\n"
+       "    Blob    REG_BINARY    DEAD01\n"
+       "    List    REG_MULTI_SZ    a\\0b\n"
+       "    Path    REG_EXPAND_SZ    %T%\n"
+       "    Big    REG_QWORD    0x100000001\n"
+       "\n"
+       "HKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Child\n"
+       "HKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Empty\n"
+       "\n"},
+      {"hkey_local_machine\\SOFTWARE\\Demo\\Child\\", true,
+       "\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Child\n"
+       "    Inner    REG_SZ    x\n"
+       "\n"},
+      {"HKLM\\SOFTWARE\\Demo\\Empty", false, "\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Empty\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path);
+    std::ostringstream out, err;
+    EXPECT_EQ(iac::RunRegQuery(reg, c.path, c.recursive, out, err), 0);
+    EXPECT_EQ(out.str(), c.expected);
+    EXPECT_EQ(err.str(), "");
+  }
+  EXPECT_EQ(reg.openHandleCount(), 0u);
+}
+
+TEST(RegQuery, RecursesIntoSubKeys) {
+  platform::recorded::RecordedRegistry reg;
+  reg.loadRegFile("demo.reg", kMachine);
+  std::ostringstream out, err;
+  ASSERT_EQ(iac::RunRegQuery(reg, "HKLM\\SOFTWARE\\Demo", true, out, err), 0);
+  const std::string text = out.str();
+  const size_t child =
+      text.find("\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Child\n    Inner    REG_SZ    x\n\n");
+  const size_t empty = text.find("\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Demo\\Empty\n\n");
+  EXPECT_NE(child, std::string::npos) << text;
+  EXPECT_NE(empty, std::string::npos) << text;
+  EXPECT_LT(child, empty);
+}
+
+TEST(RegQuery, MissingKeyOrRoot) {
+  platform::recorded::RecordedRegistry reg;
+  const struct {
+    const char* path;
+    const char* message;
+  } cases[] = {
+      {"HKLM\\SOFTWARE\\Nothing",
+       "ERROR: The system was unable to find the specified registry key or value.\n"},
+      {"HKXX\\SOFTWARE", "ERROR: Invalid key name.\n"},
+  };
+  for (const auto& c : cases) {
+    std::ostringstream out, err;
+    EXPECT_EQ(iac::RunRegQuery(reg, c.path, false, out, err), 1);
+    EXPECT_EQ(err.str(), c.message);
+    EXPECT_EQ(out.str(), "");
+  }
+}

@@ -1,0 +1,141 @@
+// Real hive files: every one opens, a damaged one is refused, control sets resolve.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+
+#include "platform/recorded/record_error.h"
+#include "platform/recorded/recorded_registry.h"
+
+using namespace platform;
+using platform::recorded::HiveFilesSupported;
+using platform::recorded::Mount;
+using platform::recorded::RecordedRegistry;
+
+namespace {
+
+std::string HiveDir() {
+  return std::string(IA_REALDATA_DIR) + "/hives";
+}
+
+Mount MountFor(const std::string& file) {
+  if (file.find("NTUSER") != std::string::npos) return Mount::NtUser;
+  if (file.find("BCD") != std::string::npos) return Mount::Bcd;
+  if (file.find("SYSTEM") != std::string::npos) return Mount::System;
+  return Mount::Software;
+}
+
+size_t CountKeys(const recorded::RegKey& key) {
+  size_t n = 1;
+  for (size_t i = 0; i < key.subKeyCount(); ++i) n += CountKeys(key.subKey(i));
+  return n;
+}
+
+DWORD CountValues(Registry& reg, HKEY root, const char* path) {
+  HKEY key = nullptr;
+  if (reg.RegOpenKeyExA(root, path, 0, KEY_READ, &key) != ERROR_SUCCESS) return 0xFFFFFFFF;
+  DWORD values = 0, subKeys = 0;
+  reg.RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, &values, nullptr,
+                       nullptr, nullptr, nullptr);
+  reg.RegCloseKey(key);
+  return values;
+}
+
+}  // namespace
+
+class RegistryHive : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!HiveFilesSupported()) GTEST_SKIP() << "built without libhivex";
+    if (!std::filesystem::is_directory(HiveDir())) GTEST_SKIP() << "no real data";
+  }
+};
+
+TEST_F(RegistryHive, EveryHiveOpensButTheCorruptOne) {
+  size_t opened = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(HiveDir())) {
+    const std::string file = entry.path().filename().string();
+    SCOPED_TRACE(file);
+    RecordedRegistry reg;
+    if (file == "corrupt-SYSTEM") {
+      try {
+        reg.loadHive(entry.path().string(), Mount::System);
+        ADD_FAILURE() << "a damaged hive was accepted";
+      } catch (const RecordError& e) {
+        EXPECT_NE(std::string(e.what()).find(entry.path().string()), std::string::npos) << e.what();
+        EXPECT_NE(std::string(e.what()).find("not a readable registry hive"), std::string::npos);
+      }
+      continue;
+    }
+    EXPECT_NO_THROW(reg.loadHive(entry.path().string(), MountFor(file)));
+    ++opened;
+  }
+  EXPECT_EQ(opened, 7u);
+}
+
+TEST_F(RegistryHive, MissingFileIsNamed) {
+  RecordedRegistry reg;
+  try {
+    reg.loadHive(HiveDir() + "/no-such-hive", Mount::Software);
+    ADD_FAILURE();
+  } catch (const RecordError& e) {
+    EXPECT_NE(std::string(e.what()).find("no-such-hive"), std::string::npos);
+  }
+}
+
+TEST_F(RegistryHive, KeysWhereTheMachineHasThem) {
+  const struct {
+    const char* file;
+    Mount mount;
+    HKEY root;
+    const char* path;
+    DWORD values;  // expected value count
+  } cases[] = {
+      {"win7-SYSTEM", Mount::System, HKEY_LOCAL_MACHINE,
+       "SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment", 17},
+      {"win7-SYSTEM", Mount::System, HKEY_LOCAL_MACHINE,
+       "system\\controlset001\\control\\session manager\\environment", 17},
+      {"win10-NTUSER-apps.DAT", Mount::NtUser, HKEY_CURRENT_USER, "Environment", 6},
+      {"win10-BCD", Mount::Bcd, HKEY_LOCAL_MACHINE,
+       "BCD00000000\\Objects\\{9dea862c-5cdd-4e70-acc1-f32b344d4795}\\Elements\\24000001", 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.file) + " " + c.path);
+    RecordedRegistry reg;
+    reg.loadHive(HiveDir() + "/" + c.file, c.mount);
+    EXPECT_EQ(CountValues(reg, c.root, c.path), c.values);
+  }
+}
+
+TEST_F(RegistryHive, UserUninstallEntriesEnumerate) {
+  RecordedRegistry reg;
+  reg.loadHive(HiveDir() + "/win10-NTUSER-apps.DAT", Mount::NtUser);
+  HKEY key = nullptr;
+  ASSERT_EQ(reg.RegOpenKeyExA(HKEY_CURRENT_USER,
+                              "Software\\Microsoft\\Windows\\CurrentVersion\\Uninstall", 0,
+                              KEY_READ, &key),
+            ERROR_SUCCESS);
+  DWORD count = 0;
+  char name[256];
+  for (;; ++count) {
+    DWORD length = sizeof name;
+    if (reg.RegEnumKeyExA(key, count, name, &length, nullptr, nullptr, nullptr, nullptr) !=
+        ERROR_SUCCESS) {
+      break;
+    }
+  }
+  EXPECT_EQ(count, 6u);
+  reg.RegCloseKey(key);
+}
+
+TEST_F(RegistryHive, LargestHiveLoadsWhole) {
+  RecordedRegistry reg;
+  const auto start = std::chrono::steady_clock::now();
+  reg.loadHive(HiveDir() + "/win10-1709-SYSTEM", Mount::System);
+  const auto elapsed = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
+  RecordProperty("load_ms", static_cast<int>(elapsed.count()));
+  const recorded::RegKey* system = reg.tree().find(u"HKEY_LOCAL_MACHINE\\SYSTEM");
+  ASSERT_NE(system, nullptr);
+  EXPECT_EQ(CountKeys(*system), 43211u);
+}
