@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <type_traits>
 
 #include "platform/recorded/codepage.h"
 #include "platform/recorded/record_error.h"
@@ -39,9 +40,12 @@ class HiveReader {
       Malloced<char> name(hivex_value_key(hive_, *v));
       if (!name) fail("unreadable value name");
       value.name = Utf8ToWide(name.get());
-      hive_type type = hive_t_REG_NONE;
+      // Read the type as a plain integer: real hives hold types outside the enum (such as
+      // 0xFFFF0011), which are not valid hive_type values in C++.
+      std::underlying_type_t<hive_type> type = 0;
       size_t length = 0;
-      Malloced<char> data(hivex_value_value(hive_, *v, &type, &length));
+      Malloced<char> data(
+          hivex_value_value(hive_, *v, reinterpret_cast<hive_type*>(&type), &length));
       if (!data && length != 0) fail("unreadable value data");
       value.type = static_cast<DWORD>(type);
       const auto* bytes = reinterpret_cast<const BYTE*>(data.get());
