@@ -1,0 +1,147 @@
+// Network management of a recorded machine: batches, resume handles, statuses, buffers.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/recorded/machine_netapi.h"
+#include "platform/recorded/recorded_machine.h"
+
+namespace {
+
+using namespace platform;
+using recorded::RecordedMachine;
+
+std::shared_ptr<RecordedMachine> WithNet(const std::string& net) {
+  return RecordedMachine::FromFiles({{"machine.json", "{\"net\": " + net + "}"}});
+}
+
+const char* kFiveUsers = R"({"users": {"failAfterBatches": 3, "failStatus": 2221, "records": [
+    {"name": "a", "fullName": "Anna", "userId": 1000, "lastLogon": 1279211400,
+     "logonHours": [255, 255, 255]},
+    {"name": "b"}, {"name": "c"}, {"name": "d"}, {"name": "e"}]}})";
+
+TEST(MachineNetApi, UserEnumHandsOutBatchesUntilTheRecordedStatus) {
+  auto m = WithNet(kFiveUsers);
+  NetApi& net = m->net();
+  DWORD resume = 0;
+  std::vector<std::string> names;
+  std::vector<NET_API_STATUS> statuses;
+  NET_API_STATUS status;
+  do {
+    BYTE* buffer = nullptr;
+    DWORD read = 0, total = 0;
+    // As the collector calls it: 100 bytes preferred, which holds one record at most.
+    status = net.NetUserEnum(nullptr, 3, 0, &buffer, 100, &read, &total, &resume);
+    statuses.push_back(status);
+    auto* users = reinterpret_cast<USER_INFO_3*>(buffer);
+    for (DWORD i = 0; i < read; ++i) {
+      std::u16string w(users[i].usri3_name);
+      names.emplace_back(w.begin(), w.end());
+    }
+    EXPECT_EQ(net.NetApiBufferFree(buffer), NERR_Success);
+  } while (status == ERROR_MORE_DATA);
+  EXPECT_EQ(names, (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(statuses, (std::vector<NET_API_STATUS>{234, 234, 234, 2221}));
+  EXPECT_EQ(m->recordedNet().outstandingBuffers(), 0u);
+}
+
+TEST(MachineNetApi, BatchSizesAndResumeHandles) {
+  struct Case {
+    const char* users;
+    DWORD preferred;
+    std::vector<DWORD> batches;
+  };
+  const std::string records = R"("records": [{"name": "a"}, {"name": "b"}, {"name": "c"}])";
+  const std::string three = "{\"users\": {" + records + "}}";
+  const std::string batchOf2 = "{\"users\": {\"batchSize\": 2, " + records + "}}";
+  const std::string none = R"({"users": {"records": []}})";
+  const Case cases[] = {
+      {three.c_str(), 100, {1, 1, 1}},
+      {three.c_str(), MAX_PREFERRED_LENGTH, {3}},
+      {batchOf2.c_str(), 100, {2, 1}},
+      {none.c_str(), 100, {0}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.users);
+    auto m = WithNet(c.users);
+    DWORD resume = 0;
+    std::vector<DWORD> batches;
+    NET_API_STATUS status;
+    do {
+      BYTE* buffer = nullptr;
+      DWORD read = 0, total = 0;
+      status = m->net().NetUserEnum(nullptr, 3, 0, &buffer, c.preferred, &read, &total, &resume);
+      batches.push_back(read);
+      m->net().NetApiBufferFree(buffer);
+    } while (status == ERROR_MORE_DATA && batches.size() < 10);
+    EXPECT_EQ(status, NERR_Success);
+    EXPECT_EQ(batches, c.batches);
+    EXPECT_EQ(resume, 0u);
+  }
+}
+
+TEST(MachineNetApi, RecordsCarryTheirFieldsInOneBuffer) {
+  auto m = WithNet(kFiveUsers);
+  BYTE* buffer = nullptr;
+  DWORD read = 0, total = 0, resume = 0;
+  ASSERT_EQ(m->net().NetUserEnum(nullptr, 3, 0, &buffer, 100, &read, &total, &resume),
+            static_cast<NET_API_STATUS>(ERROR_MORE_DATA));
+  ASSERT_EQ(read, 1u);
+  EXPECT_EQ(total, 5u);
+  EXPECT_EQ(resume, 1u);
+  auto* user = reinterpret_cast<USER_INFO_3*>(buffer);
+  EXPECT_EQ(std::u16string(user->usri3_full_name), u"Anna");
+  EXPECT_EQ(std::u16string(user->usri3_comment), u"");
+  EXPECT_EQ(user->usri3_user_id, 1000u);
+  EXPECT_EQ(user->usri3_last_logon, 1279211400u);
+  EXPECT_EQ(user->usri3_acct_expires, 0xFFFFFFFFu);
+  EXPECT_EQ(user->usri3_logon_hours[2], 255);
+  // Strings live in the same allocation, after the record, and are aligned for UTF-16.
+  auto inside = [&](const void* p) {
+    return p >= buffer + sizeof(USER_INFO_3) && p < buffer + 4096;
+  };
+  EXPECT_TRUE(inside(user->usri3_name));
+  EXPECT_TRUE(inside(user->usri3_profile));
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(user->usri3_logon_server) % 2, 0u);
+  EXPECT_EQ(m->net().NetApiBufferFree(buffer), NERR_Success);
+  EXPECT_EQ(m->net().NetApiBufferFree(buffer),
+            static_cast<NET_API_STATUS>(ERROR_INVALID_PARAMETER));
+}
+
+TEST(MachineNetApi, LevelsAndLoggedOnUsers) {
+  auto m = WithNet(R"({"loggedOn": {"records": [
+      {"username": "Administrator", "logonDomain": "XPBOX", "logonServer": "XPBOX"},
+      {"username": "Administrator", "logonDomain": "XPBOX", "logonServer": "OTHER"}]}})");
+  NetApi& net = m->net();
+  BYTE* buffer = nullptr;
+  DWORD read = 0, total = 0, resume = 0;
+  EXPECT_EQ(net.NetUserEnum(nullptr, 2, 0, &buffer, 100, &read, &total, &resume), 124u);
+  EXPECT_EQ(net.NetWkstaUserEnum(nullptr, 0, &buffer, MAX_PREFERRED_LENGTH, &read, &total, &resume),
+            124u);
+  ASSERT_EQ(net.NetWkstaUserEnum(nullptr, 1, &buffer, MAX_PREFERRED_LENGTH, &read, &total, &resume),
+            NERR_Success);
+  ASSERT_EQ(read, 2u);
+  auto* users = reinterpret_cast<WKSTA_USER_INFO_1*>(buffer);
+  EXPECT_EQ(std::u16string(users[1].wkui1_logon_server), u"OTHER");
+  EXPECT_EQ(std::u16string(users[0].wkui1_oth_domains), u"");
+  net.NetApiBufferFree(buffer);
+  // Not recorded: the call fails rather than reporting nobody.
+  EXPECT_NE(net.NetUserEnum(nullptr, 3, 0, &buffer, 100, &read, &total, &resume), NERR_Success);
+  EXPECT_EQ(buffer, nullptr);
+}
+
+TEST(MachineNetApi, UserNameReportsTheSizeNeeded) {
+  auto m = WithNet(R"({"userName": "Administrator"})");
+  NetApi& net = m->net();
+  DWORD size = 0;
+  EXPECT_FALSE(net.GetUserNameA(nullptr, &size));
+  EXPECT_EQ(size, 14u);
+  EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+  std::string buffer(size, '\0');
+  EXPECT_TRUE(net.GetUserNameA(buffer.data(), &size));
+  EXPECT_EQ(size, 14u);
+  EXPECT_STREQ(buffer.c_str(), "Administrator");
+}
+
+}  // namespace
