@@ -35,20 +35,6 @@ void AppendUtf8(std::string& out, char32_t c) {
   }
 }
 
-bool IsAscii(const std::string& s) {
-  for (unsigned char c : s) {
-    if (c >= 0x80) return false;
-  }
-  return true;
-}
-
-bool IsAscii(const std::u16string& s) {
-  for (char16_t c : s) {
-    if (c >= 0x80) return false;
-  }
-  return true;
-}
-
 }  // namespace
 
 std::string WideToUtf8(const std::u16string& wide) {
@@ -149,6 +135,20 @@ class Converters {
 iconv_t Converter(unsigned codePage, bool toAnsi) {
   thread_local Converters converters;
   return converters.get(codePage, toAnsi);
+}
+
+bool IsAscii(const std::string& s) {
+  for (unsigned char c : s) {
+    if (c >= 0x80) return false;
+  }
+  return true;
+}
+
+bool IsAscii(const std::u16string& s) {
+  for (char16_t c : s) {
+    if (c >= 0x80) return false;
+  }
+  return true;
 }
 
 bool IsDoubleByte(unsigned codePage) {
