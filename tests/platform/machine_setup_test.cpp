@@ -1,0 +1,244 @@
+// INF files and version resources of a recorded machine.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/recorded/machine_inf.h"
+#include "platform/recorded/machine_setup.h"
+#include "platform/recorded/machine_version.h"
+#include "platform/recorded/recorded_machine.h"
+
+namespace {
+
+using namespace platform;
+using recorded::RecordedMachine;
+
+const char* kInf =
+    "[Version]\r\n"
+    "Signature = \"$Windows NT$\"\r\n"
+    "[Components]\r\n"
+    "NetOC = netoc.dll,NetOcSetupProc,netoc.inf,,7\r\n"
+    "Games = ocgen.dll,OcEntry,games.inf,HIDE,7 ; comment\r\n"
+    "[Optional Components]\r\n"
+    "Freecell\r\n"
+    "[freecell]\r\n"
+    "OptionDesc = %fc_desc%\r\n"
+    "Tip = \"A \"\"quoted\"\", comma\" , %missing% , 100%%\r\n"
+    "Parent = games, \\\r\n"
+    "         more\r\n"
+    "[Strings]\r\n"
+    "FC_DESC = \"Freecell game\"\r\n";
+
+std::shared_ptr<RecordedMachine> WithInf(const char* text = kInf) {
+  return RecordedMachine::FromFiles({{"files/C/WINDOWS/inf/test.inf", text}});
+}
+
+std::string Field(Setup& setup, INFCONTEXT* context, DWORD index) {
+  char buffer[256] = "";
+  return setup.SetupGetStringFieldA(context, index, buffer, sizeof buffer, nullptr) ? buffer
+                                                                                    : "<none>";
+}
+
+TEST(MachineSetup, InfLinesFieldsAndStrings) {
+  auto m = WithInf();
+  platform::Setup& s = m->setup();
+  HINF inf = s.SetupOpenInfFileA("c:\\windows\\INF\\test.inf", nullptr, INF_STYLE_WIN4, nullptr);
+  ASSERT_NE(inf, INVALID_HANDLE_VALUE);
+  INFCONTEXT ctx{};
+  ASSERT_TRUE(s.SetupFindFirstLineA(inf, "FREECELL", "tip", &ctx));
+  struct Case {
+    DWORD field;
+    const char* text;
+  };
+  const Case cases[] = {
+      {0, "Tip"}, {1, "A \"quoted\", comma"}, {2, "%missing%"}, {3, "100%"}, {4, "<none>"}};
+  for (const Case& c : cases) EXPECT_EQ(Field(s, &ctx, c.field), c.text) << c.field;
+
+  char text[256];
+  DWORD required = 0;
+  ASSERT_TRUE(
+      s.SetupGetLineTextA(nullptr, inf, "freecell", "optiondesc", text, sizeof text, &required));
+  EXPECT_STREQ(text, "Freecell game");
+  EXPECT_EQ(required, 14u);
+  ASSERT_TRUE(s.SetupGetLineTextA(nullptr, inf, "freecell", "parent", text, sizeof text, nullptr));
+  EXPECT_STREQ(text, "games,more");  // continued line, fields joined with ','
+  EXPECT_FALSE(s.SetupGetLineTextA(nullptr, inf, "freecell", "parent", text, 5, &required));
+  EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+  EXPECT_EQ(required, 11u);
+
+  // A line without a key: its text is the line; field 0 does not exist.
+  ASSERT_TRUE(s.SetupFindFirstLineA(inf, "Optional Components", nullptr, &ctx));
+  ASSERT_TRUE(s.SetupGetLineTextA(&ctx, nullptr, nullptr, nullptr, text, sizeof text, nullptr));
+  EXPECT_STREQ(text, "Freecell");
+  EXPECT_EQ(Field(s, &ctx, 0), "<none>");
+
+  EXPECT_EQ(s.SetupGetLineCountA(inf, "components"), 2);
+  EXPECT_EQ(s.SetupGetLineCountA(inf, "nothing"), -1);
+  EXPECT_FALSE(s.SetupFindFirstLineA(inf, "Components", "nokey", &ctx));
+  EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(ERROR_LINE_NOT_FOUND));
+  s.SetupCloseInfFile(inf);
+}
+
+TEST(MachineSetup, FailingCallsLeaveContextAndBufferAsTheyWere) {
+  auto m = WithInf();
+  platform::Setup& s = m->setup();
+  HINF inf = s.SetupOpenInfFileA("C:\\WINDOWS\\inf\\test.inf", nullptr, INF_STYLE_WIN4, nullptr);
+  ASSERT_NE(inf, INVALID_HANDLE_VALUE);
+  // The component list is walked one index past its end; the last pass reads the context
+  // that the failing call left, so the last line is read twice.
+  const LONG count = s.SetupGetLineCountA(inf, "Components");
+  INFCONTEXT ctx{};
+  std::vector<std::string> infs;
+  char hidden[256] = "", file[256] = "";
+  std::vector<std::string> hiddenFlags;
+  for (LONG i = 0; i <= count; ++i) {
+    const BOOL found = s.SetupGetLineByIndexA(inf, "Components", static_cast<DWORD>(i), &ctx);
+    EXPECT_EQ(found != 0, i < count);
+    s.SetupGetStringFieldA(&ctx, 4, hidden, sizeof hidden, nullptr);
+    s.SetupGetStringFieldA(&ctx, 3, file, sizeof file, nullptr);
+    infs.push_back(file);
+    hiddenFlags.push_back(hidden);
+  }
+  EXPECT_EQ(infs, (std::vector<std::string>{"netoc.inf", "games.inf", "games.inf"}));
+  EXPECT_EQ(hiddenFlags, (std::vector<std::string>{"", "HIDE", "HIDE"}));
+
+  // A field the line does not have: FALSE, ERROR_INVALID_PARAMETER, buffer untouched.
+  char buffer[8] = "keep";
+  EXPECT_FALSE(s.SetupGetStringFieldA(&ctx, 9, buffer, sizeof buffer, nullptr));
+  EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
+  EXPECT_STREQ(buffer, "keep");
+  DWORD required = 0;
+  EXPECT_FALSE(s.SetupGetStringFieldA(&ctx, 1, buffer, 4, &required));
+  EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(ERROR_INSUFFICIENT_BUFFER));
+  EXPECT_EQ(required, 10u);  // "ocgen.dll" and NUL
+  s.SetupCloseInfFile(inf);
+  EXPECT_EQ(m->recordedSetup().openInfCount(), 0u);
+}
+
+TEST(MachineSetup, OpeningInfFiles) {
+  struct Case {
+    const char* text;
+    DWORD style;
+    bool opens;
+    LONG lastError;
+  };
+  const Case cases[] = {
+      {kInf, INF_STYLE_WIN4, true, 0},
+      {"[Version]\nSignature=$Chicago$\n", INF_STYLE_WIN4, true, 0},
+      {"[Strings]\nx=1\n", INF_STYLE_WIN4, false, recorded::ERROR_WRONG_INF_STYLE},
+      {"\xFF\xFE[\0V\0e\0r\0s\0i\0o\0n\0]\0\n\0S\0i\0g\0n\0a\0t\0u\0r\0e\0=\0$"
+       "\0W\0i\0n\0d\0o\0w\0s\0 "
+       "\0N\0T\0$\0",
+       INF_STYLE_WIN4, true, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    std::string bytes(c.text, c.text[0] == '\xFF' ? 66 : std::strlen(c.text));
+    auto m = RecordedMachine::FromFiles({{"files/C/x.inf", bytes}});
+    HINF inf = m->setup().SetupOpenInfFileA("C:\\x.inf", nullptr, c.style, nullptr);
+    EXPECT_EQ(inf != INVALID_HANDLE_VALUE, c.opens);
+    if (c.opens) {
+      m->setup().SetupCloseInfFile(inf);
+    } else {
+      EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(c.lastError));
+    }
+  }
+  auto m = WithInf();
+  EXPECT_EQ(m->setup().SetupOpenInfFileA("C:\\WINDOWS\\inf\\sysoc.inf", nullptr, 2, nullptr),
+            INVALID_HANDLE_VALUE);
+  EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+}
+
+recorded::VersionFacts Facts() {
+  recorded::VersionFacts f;
+  f.strings = {{u"FileVersion", u"5.1.2600.5512 (xpsp.080413-2111)"},
+               {u"FileDescription", u"Windows Backup Utility"},
+               {u"CompanyName", u"Ã©crit"}};
+  return f;
+}
+
+TEST(MachineSetup, VersionBlockRoundTrips) {
+  const std::vector<BYTE> block = recorded::BuildVersionBlock(Facts());
+  ASSERT_EQ(block.size() % 2, 0u);
+  EXPECT_EQ(block[0] | (block[1] << 8), static_cast<int>(block.size()));
+  recorded::VersionValue v;
+  ASSERT_TRUE(recorded::FindVersionValue(block.data(), block.size(), "\\", &v));
+  EXPECT_EQ(v.length, sizeof(recorded::VS_FIXEDFILEINFO));
+  EXPECT_EQ(v.offset % 4, 0u);
+  recorded::VS_FIXEDFILEINFO fixed;
+  std::memcpy(&fixed, block.data() + v.offset, sizeof fixed);
+  EXPECT_EQ(fixed.dwSignature, 0xFEEF04BDu);
+  EXPECT_EQ(fixed.dwFileVersionMS, (5u << 16) | 1u);
+  EXPECT_EQ(fixed.dwFileVersionLS, (2600u << 16) | 5512u);
+
+  ASSERT_TRUE(
+      recorded::FindVersionValue(block.data(), block.size(), "\\VarFileInfo\\Translation", &v));
+  EXPECT_EQ(v.length, 4u);
+  EXPECT_EQ(block[v.offset] | (block[v.offset + 1] << 8), 0x0409);
+  EXPECT_EQ(block[v.offset + 2] | (block[v.offset + 3] << 8), 1200);
+
+  ASSERT_TRUE(recorded::FindVersionValue(block.data(), block.size(),
+                                         "\\StringFileInfo\\040904B0\\filedescription", &v));
+  EXPECT_TRUE(v.isText);
+  EXPECT_EQ(v.length, 23u);  // characters with the NUL
+  EXPECT_EQ(v.offset % 4, 0u);
+  EXPECT_FALSE(recorded::FindVersionValue(block.data(), block.size(),
+                                          "\\StringFileInfo\\040904b0\\Nope", &v));
+
+  // Every cut of the block is read without going past the cut (ASan watches the copy).
+  for (std::size_t cut = 0; cut < block.size(); ++cut) {
+    std::vector<BYTE> part(block.begin(), block.begin() + static_cast<std::ptrdiff_t>(cut));
+    recorded::FindVersionValue(part.data(), part.size(), "\\StringFileInfo\\040904b0\\CompanyName",
+                               &v);
+    recorded::FindVersionValue(part.data(), part.size(), "\\VarFileInfo\\Translation", &v);
+  }
+  std::vector<BYTE> lying = block;
+  lying[0] = 0xFF, lying[1] = 0xFF;  // claims more than there is
+  EXPECT_FALSE(recorded::FindVersionValue(lying.data(), lying.size(), "\\", &v));
+}
+
+TEST(MachineSetup, VersionCallsAsTheCollectorMakesThem) {
+  auto m = RecordedMachine::Load(IA_SOURCE_DIR "/tests/fixtures/machines/xp-sp3");
+  platform::Setup& s = m->setup();
+  struct Case {
+    const char* path;
+    LONG lastError;  // 0: has a version
+  };
+  const Case cases[] = {{"C:\\WINDOWS\\system32\\setup\\OCGEN.DLL", 0},
+                        {"C:\\WINDOWS\\system32\\setup\\plain.dll", ERROR_RESOURCE_TYPE_NOT_FOUND},
+                        {"C:\\WINDOWS\\system32\\setup\\none.dll", ERROR_FILE_NOT_FOUND}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    DWORD handle = 7;
+    const DWORD size = s.GetFileVersionInfoSizeA(c.path, &handle);
+    EXPECT_EQ(handle, 0u);
+    if (c.lastError) {
+      EXPECT_EQ(size, 0u);
+      EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(c.lastError));
+      continue;
+    }
+    std::vector<BYTE> data(size);
+    ASSERT_TRUE(s.GetFileVersionInfoA(c.path, 0, size, data.data()));
+    void* value = nullptr;
+    UINT length = 0;
+    ASSERT_TRUE(s.VerQueryValueA(data.data(), "\\VarFileInfo\\Translation", &value, &length));
+    const auto* pair = static_cast<const WORD*>(value);
+    char sub[64];
+    std::snprintf(sub, sizeof sub, "\\StringFileInfo\\%04x%04x\\FileVersion", pair[0], pair[1]);
+    ASSERT_TRUE(s.VerQueryValueA(data.data(), sub, &value, &length));
+    EXPECT_STREQ(static_cast<const char*>(value), "5.1.2600.5512 (xpsp.080413-2111)");
+    EXPECT_EQ(length, 33u);
+    // The answer stays inside the caller's buffer.
+    EXPECT_GE(static_cast<BYTE*>(value), data.data());
+    EXPECT_LT(static_cast<BYTE*>(value) + length, data.data() + data.size() + 1);
+
+    // A buffer shorter than the block: the query stays inside it and fails.
+    std::vector<BYTE> cut(40);
+    ASSERT_TRUE(s.GetFileVersionInfoA(c.path, 0, static_cast<DWORD>(cut.size()), cut.data()));
+    EXPECT_FALSE(s.VerQueryValueA(cut.data(), sub, &value, &length));
+  }
+}
+
+}  // namespace
