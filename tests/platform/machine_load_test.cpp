@@ -1,0 +1,142 @@
+// Loading recorded machines: directories, refusals that name file and field, the empty
+// machine, the registry inside, and the process-wide current machine.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "platform/recorded/record_error.h"
+#include "platform/recorded/recorded_machine.h"
+
+namespace {
+
+using namespace platform;
+using recorded::RecordedMachine;
+
+std::string Refusal(const std::map<std::string, std::string>& files) {
+  try {
+    RecordedMachine::FromFiles(files);
+  } catch (const RecordError& e) {
+    return e.what();
+  }
+  return "";
+}
+
+TEST(MachineLoad, RefusalsNameFileAndField) {
+  struct Case {
+    const char* json;
+    const char* message;
+  };
+  const Case cases[] = {
+      {R"({"system": {"version": {"major": -5, "minor": 1}}})",
+       "machine.json: system.version.major: expected an unsigned integer"},
+      {R"({"system": {"version": {"major": 5}}})",
+       "machine.json: system.version.minor: expected an unsigned integer"},
+      {R"({"system": {"verson": {}}})", "machine.json: system.verson: unknown key"},
+      {R"({"system": {"codePage": 12345}})", "machine.json: system.codePage: code page 12345"},
+      {R"({"system": {"utcTime": "yesterday"}})",
+       "machine.json: system.utcTime: expected a UTC time"},
+      {R"({"system": {"pageFiles": [{"name": "C:\\p.sys"}]}})",
+       "machine.json: system.pageFiles[0].totalSize: expected an unsigned integer"},
+      {R"({"net": {"users": {"records": [{"name": "a", "flags": "x"}]}}})",
+       "machine.json: net.users.records[0].flags: expected a result code"},
+      {R"({"wmi": {"classes": {"X": {"wmic": "gone.wmi"}}}})",
+       "machine.json: wmi.classes.X.wmic: cannot read gone.wmi"},
+      {R"({"setup": {"versions": {"x.dll": null}}})",
+       "machine.json: setup.versions.x.dll: expected an absolute Windows path"},
+      {R"([1, 2])", "machine.json: (top level): expected an object"},
+      {R"({"system": )", "machine.json: not JSON"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.json);
+    EXPECT_EQ(Refusal({{"machine.json", c.json}}).rfind(c.message, 0), 0u)
+        << Refusal({{"machine.json", c.json}});
+  }
+  EXPECT_EQ(Refusal({{"hives/SYSTEM", "regf"}}).rfind("hives/SYSTEM: hive files are read only", 0),
+            0u);
+  EXPECT_THROW(RecordedMachine::Load(IA_SOURCE_DIR "/tests/fixtures/machines/no-such"),
+               RecordError);
+}
+
+TEST(MachineLoad, EmptyMachineFailsEveryFamily) {
+  auto m = RecordedMachine::Empty();
+  HKEY key = nullptr;
+  EXPECT_EQ(
+      m->registry().RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\Microsoft", 0, KEY_READ, &key),
+      ERROR_FILE_NOT_FOUND);
+
+  System& s = m->system();
+  OSVERSIONINFOA version{};
+  version.dwOSVersionInfoSize = sizeof version;
+  EXPECT_FALSE(s.GetVersionExA(&version));
+  EXPECT_EQ(s.LoadLibraryA("psapi.dll"), nullptr);
+  EXPECT_EQ(s.GetLastError(), static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
+  EXPECT_EQ(s.GetProcAddress(s.GetModuleHandleA("kernel32"), "IsWow64Process"), nullptr);
+  EXPECT_EQ(s.GetProcAddress(s.GetModuleHandleA("ntdll.dll"), "ZwQuerySystemInformation"), nullptr);
+  MEMORYSTATUSEX memory{};
+  memory.dwLength = sizeof memory;
+  EXPECT_FALSE(s.GlobalMemoryStatusEx(&memory));
+  TIME_ZONE_INFORMATION zone{};
+  EXPECT_EQ(s.GetTimeZoneInformation(&zone), TIME_ZONE_ID_INVALID);
+  EXPECT_EQ(s.crtTime64(), -1);
+  char buffer[64];
+  EXPECT_EQ(s.GetEnvironmentVariableA("PATH", buffer, sizeof buffer), 0u);
+  EXPECT_EQ(s.GetSystemWindowsDirectoryA(buffer, sizeof buffer), 0u);
+  EXPECT_EQ(s.OpenTextFile("C:\\boot.ini"), nullptr);
+
+  PDH_HQUERY query = nullptr;
+  PDH_HCOUNTER counter = nullptr;
+  ASSERT_EQ(m->pdh().PdhOpenQueryA(nullptr, 0, &query), 0);
+  EXPECT_NE(m->pdh().PdhAddCounterA(query, "\\System\\System Up Time", 0, &counter), 0);
+
+  BYTE* records = nullptr;
+  DWORD read = 0, total = 0, resume = 0;
+  EXPECT_NE(m->net().NetUserEnum(nullptr, 3, 0, &records, 100, &read, &total, &resume),
+            NERR_Success);
+  EXPECT_NE(
+      m->net().NetWkstaUserEnum(nullptr, 1, &records, MAX_PREFERRED_LENGTH, &read, &total, &resume),
+      NERR_Success);
+  DWORD size = sizeof buffer;
+  EXPECT_FALSE(m->net().GetUserNameA(buffer, &size));
+
+  IWbemLocator* locator = nullptr;
+  EXPECT_EQ(m->wmi().CoCreateWbemLocator(CLSCTX_INPROC_SERVER, &locator), REGDB_E_CLASSNOTREG);
+
+  EXPECT_EQ(
+      m->setup().SetupOpenInfFileA("C:\\WINDOWS\\inf\\sysoc.inf", nullptr, INF_STYLE_WIN4, nullptr),
+      INVALID_HANDLE_VALUE);
+  EXPECT_EQ(m->setup().GetFileVersionInfoSizeA("C:\\WINDOWS\\system32\\ntbackup.exe", nullptr), 0u);
+}
+
+TEST(MachineLoad, DirectoryBringsRegistryFilesAndFacts) {
+  auto m = RecordedMachine::Load(IA_SOURCE_DIR "/tests/fixtures/machines/xp-sp3");
+  HKEY key = nullptr;
+  ASSERT_EQ(
+      m->registry().RegOpenKeyExA(
+          HKEY_LOCAL_MACHINE, "SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", 0, KEY_READ, &key),
+      ERROR_SUCCESS);
+  char name[64];
+  DWORD size = sizeof name;
+  ASSERT_EQ(m->registry().RegQueryValueExA(key, "ProductName", nullptr, nullptr,
+                                           reinterpret_cast<BYTE*>(name), &size),
+            ERROR_SUCCESS);
+  EXPECT_STREQ(name, "Microsoft Windows XP");
+  m->registry().RegCloseKey(key);
+  char user[32];
+  size = sizeof user;
+  EXPECT_TRUE(m->net().GetUserNameA(user, &size));
+  EXPECT_NE(m->system().OpenTextFile("C:\\WINDOWS\\INF\\SYSOC.INF"), nullptr);
+}
+
+TEST(MachineLoad, CurrentMachineIsTheInstalledOne) {
+  Machine& fallback = Machine::Current();
+  auto recorded =
+      RecordedMachine::FromFiles({{"machine.json", R"({"system": {"computerName": "A"}})"}});
+  EXPECT_EQ(Machine::Install(recorded), nullptr);
+  EXPECT_EQ(&Machine::Current(), recorded.get());
+  auto other = RecordedMachine::Empty();
+  EXPECT_EQ(Machine::Install(other), recorded);
+  EXPECT_EQ(Machine::Install(nullptr), other);
+  EXPECT_EQ(&Machine::Current(), &fallback);
+}
+
+}  // namespace
