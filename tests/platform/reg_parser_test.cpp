@@ -288,3 +288,32 @@ TEST(RegParserRealData, XpExportKeepsKeysAndMultiLineStrings) {
   }
   EXPECT_GE(multiLine, 3u);
 }
+
+// A two-key excerpt of the XP export, kept in the tree so this runs without the real data.
+TEST(RegParser, RegeditMultiLineExportExcerpt) {
+  RegistryTree tree;
+  ApplyRegFile(tree, "xp-multiline.reg",
+               ReadFile(std::string(IA_SOURCE_DIR) + "/tests/fixtures/registry/xp-multiline.reg"),
+               1252);
+  const RegKey* fix = tree.find(
+      u"HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\"
+      u"{0A0CADCF-78DA-33C4-A350-CD51849B9702}.KB2416472");
+  ASSERT_NE(fix, nullptr);
+  const RegValue* comments = fix->findValue(u"Comments");
+  ASSERT_NE(comments, nullptr);
+  EXPECT_EQ(
+      Utf16FromBytes(comments->data.data(), comments->data.size()),
+      std::u16string(u"This security update is for Microsoft .NET Framework 4 Extended.\r\n"
+                     u"If you later install a more recent service pack, this security "
+                     u"update will be uninstalled automatically.\r\n"
+                     u"For more information, visit http://support.microsoft.com/kb/2416472.") +
+          u'\0');
+  const RegKey* wmp =
+      tree.find(u"HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\KB2378111_WM9");
+  ASSERT_NE(wmp, nullptr);
+  const RegValue* icon = wmp->findValue(u"DisplayIcon");
+  ASSERT_NE(icon, nullptr);
+  EXPECT_EQ(icon->type, platform::REG_EXPAND_SZ);
+  EXPECT_EQ(Utf16FromBytes(icon->data.data(), icon->data.size()),
+            std::u16string(u"\"%ProgramFiles%\\windows media player\\wmplayer.exe\"") + u'\0');
+}
