@@ -216,7 +216,7 @@ void TInstance::SetPropertyValue(const std::string& name, const TCIMValue& value
   const TPropertyDeclaration& decl = decl_->properties[static_cast<std::size_t>(index)];
   TCIMValue& slot = values_[static_cast<std::size_t>(index)];
   if (value.IsNull()) {
-    slot = TCIMValue();
+    slot = value;  // null: unsets the property
     return;
   }
   const std::string mismatch = decl_->name + "." + decl.name + " is " + decl.type.ToString() +
