@@ -206,6 +206,16 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   queryCommand->add_option("switches", regSwitches, "/s: every sub-key too");
   queryCommand->add_flag("-s,--recursive", regRecursive, "Every sub-key too");
 
+  // CLI11 would only say that a subcommand is required.
+  if (argc > 1 && argv[1][0] != '-' && app.get_subcommands({}).size() > 0) {
+    bool known = false;
+    for (const CLI::App* command : app.get_subcommands({}))
+      known = known || command->check_name(argv[1]);
+    if (!known) {
+      err << "iac: unknown command '" << argv[1] << "' (commands: collect, classes, reg)\n";
+      return 2;
+    }
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {

@@ -14,7 +14,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Run {
+struct IacRun {
   int status;
   std::string out;
   std::string err;
@@ -38,19 +38,19 @@ class IacTest : public ::testing::Test {
   void TearDown() override { fs::remove_all(scratch); }
 
   // Runs iac with `args` (shell words) and an optional environment prefix.
-  Run iac(const std::string& args, const std::string& environment = "") {
+  IacRun iac(const std::string& args, const std::string& environment = "") {
     const fs::path out = scratch / "stdout", err = scratch / "stderr";
     const std::string command =
         environment + " " + IA_BIN_DIR "/iac " + args + " >" + out.string() + " 2>" + err.string();
     const int raw = std::system(command.c_str());
-    return Run{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
+    return IacRun{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
   }
 
   fs::path scratch;
 };
 
 TEST_F(IacTest, PageFilesOfTheDefaultMachineInNameOrder) {
-  const Run run = iac("collect --class KestovaSG_PageFile --format json");
+  const IacRun run = iac("collect --class KestovaSG_PageFile --format json");
   ASSERT_EQ(run.status, 0) << run.err;
   const auto document = nlohmann::json::parse(run.out);
   const auto& instances = document.at("instances");
@@ -71,11 +71,11 @@ TEST_F(IacTest, PageFilesOfTheDefaultMachineInNameOrder) {
 }
 
 TEST_F(IacTest, EveryFormatRendersTheSameInstances) {
-  const Run table = iac("collect --class KestovaSG_PageFile");
+  const IacRun table = iac("collect --class KestovaSG_PageFile");
   ASSERT_EQ(table.status, 0) << table.err;
   EXPECT_NE(table.out.find("KestovaSG_PageFile: 2 instances"), std::string::npos) << table.out;
 
-  const Run jsonl = iac("collect --class KestovaSG_PageFile --format jsonl");
+  const IacRun jsonl = iac("collect --class KestovaSG_PageFile --format jsonl");
   ASSERT_EQ(jsonl.status, 0) << jsonl.err;
   std::istringstream lines(jsonl.out);
   int count = 0;
@@ -84,21 +84,21 @@ TEST_F(IacTest, EveryFormatRendersTheSameInstances) {
   }
   EXPECT_EQ(count, 2);
 
-  const Run mof = iac("collect --class KestovaSG_PageFile --format mof");
+  const IacRun mof = iac("collect --class KestovaSG_PageFile --format mof");
   ASSERT_EQ(mof.status, 0) << mof.err;
   EXPECT_EQ(mof.out.rfind("instance of KestovaSG_PageFile\n{\n", 0), 0u) << mof.out;
   EXPECT_NE(mof.out.find("    Name = \"C:\\\\pagefile.sys\";\n"), std::string::npos) << mof.out;
 }
 
 TEST_F(IacTest, UnknownClassIsNotAnError) {
-  const Run run = iac("collect --class KestovaSG_NoSuchClass --format json");
+  const IacRun run = iac("collect --class KestovaSG_NoSuchClass --format json");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_TRUE(nlohmann::json::parse(run.out)["instances"].empty());
 }
 
 TEST_F(IacTest, LogFileKeepsMessagesUpToTheChosenLevel) {
   const fs::path log = scratch / "run.log";
-  const Run run = iac("collect --class KestovaSG_PageFile --log-level 3 --log " + log.string());
+  const IacRun run = iac("collect --class KestovaSG_PageFile --log-level 3 --log " + log.string());
   ASSERT_EQ(run.status, 0) << run.err;
   const std::string text = slurp(log);
   EXPECT_NE(text.find("3\tNormal exit from plugin.\n"), std::string::npos) << text;
@@ -115,7 +115,7 @@ class IacBadInputTest : public IacTest, public ::testing::WithParamInterface<Bad
 
 TEST_P(IacBadInputTest, ClearMessageNonZeroExitNothingPrinted) {
   const BadInput& c = GetParam();
-  const Run run = iac(c.args);
+  const IacRun run = iac(c.args);
   EXPECT_EQ(run.status, c.status);
   EXPECT_NE(run.err.find(c.mentions), std::string::npos) << run.err;
   EXPECT_TRUE(run.out.empty()) << run.out;
@@ -132,7 +132,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(IacTest, BrokenMachineIsRefusedNamingTheFile) {
   std::ofstream(scratch / "machine.json") << "{ \"system\": 12 }";
-  const Run run = iac("collect --machine " + scratch.string());
+  const IacRun run = iac("collect --machine " + scratch.string());
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("machine.json"), std::string::npos) << run.err;
   EXPECT_TRUE(run.out.empty());
@@ -141,13 +141,13 @@ TEST_F(IacTest, BrokenMachineIsRefusedNamingTheFile) {
 TEST_F(IacTest, PluginThatIsNotAPluginIsRefusedNamingTheFile) {
   const fs::path fake = scratch / "notaplugin.so";
   std::ofstream(fake) << "not a shared library";
-  const Run run = iac("collect --plugin " + fake.string());
+  const IacRun run = iac("collect --plugin " + fake.string());
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("notaplugin.so"), std::string::npos) << run.err;
 }
 
 TEST_F(IacTest, ClassesListsTheSchema) {
-  const Run run = iac("classes");
+  const IacRun run = iac("classes");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_NE(run.out.find("KestovaSG_PageFile\n"), std::string::npos);
   EXPECT_NE(run.out.find("    uint64 FileSize\n"), std::string::npos);
@@ -159,8 +159,8 @@ TEST_F(IacTest, RegQueryOfARealHiveThroughCurrentControlSet) {
   const fs::path hive = fs::path(IA_REALDATA_DIR) / "hives" / "win7-SYSTEM";
   if (!fs::exists(hive)) GTEST_SKIP() << "no real data at " << hive;
   fs::create_directories(scratch / "hives");
-  fs::create_symlink(hive, scratch / "hives" / "SYSTEM");
-  const Run run =
+  fs::copy_file(hive, scratch / "hives" / "SYSTEM");
+  const IacRun run =
       iac("reg query --machine " + scratch.string() +
           " \"HKLM\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment\"");
   ASSERT_EQ(run.status, 0) << run.err;
@@ -171,7 +171,7 @@ TEST_F(IacTest, RegQueryOfARealHiveThroughCurrentControlSet) {
 }
 
 TEST_F(IacTest, RegQueryOfAMissingKeyFails) {
-  const Run run = iac("reg query \"HKLM\\SOFTWARE\\No\\Such\\Key\"");
+  const IacRun run = iac("reg query \"HKLM\\SOFTWARE\\No\\Such\\Key\"");
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("ERROR:"), std::string::npos) << run.err;
 }
