@@ -91,11 +91,9 @@ boost::shared_ptr<ICIMClass> THost::Impl::MakeClass(const TClassPtr& decl) {
 }
 
 void THost::Impl::Commit(const boost::shared_ptr<TInstance>& instance) {
-  const std::string path = instance->Path();
-  // A second instance with the same path would make references ambiguous.
-  if (!paths.insert(path).second) {
-    throw TTessilException(kStatusAlreadyExists, path + " already exists");
-  }
+  // An instance whose keys repeat an earlier one's is kept too: the collectors report some
+  // items twice on purpose (the current user from two sources, a repeated setup line), and
+  // an inventory that drops them, or the rest of their class, would lose data.
   instance->MarkCommitted();
   committed.push_back(instance);
 }
@@ -169,7 +167,6 @@ void THost::Impl::EnumerateInstances(const std::string& className, bool deep,
 
 void THost::Impl::StartRun() {
   committed.clear();
-  paths.clear();
   collected.clear();
   TClassPtr computerSystem = schema.Find(kComputerSystem);
   if (!computerSystem) return;
@@ -346,7 +343,6 @@ ILogger* THost::GetLogger() {
 void THost::Reset() {
   impl_->Unload();
   impl_->committed.clear();
-  impl_->paths.clear();
   impl_->collected.clear();
   impl_->logger.records.clear();
 }

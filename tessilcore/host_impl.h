@@ -46,10 +46,9 @@ struct THost::Impl {
   TCoreLogger logger;
   boost::shared_ptr<TNamespace> ns;
 
-  // The store of the current run: committed instances in commit order, their paths, and
+  // The store of the current run: committed instances in commit order, and
   // the classes whose plug-in has already run (lower-case names).
   std::vector<boost::shared_ptr<TInstance>> committed;
-  std::set<std::string> paths;
   std::set<std::string> collected;
 
   std::vector<std::unique_ptr<TPluginRecord>> plugins;
