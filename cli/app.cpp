@@ -158,8 +158,8 @@ int regQuery(const MachineOptions& machine, const std::string& key,
   }
   installMachine(machine);
   std::ostringstream text;
-  const int status =
-      RunRegQuery(platform::Machine::Current().registry(), key, recursive, text, err);
+  const int status = RunRegQuery(platform::Machine::Current().registry(), key, recursive, text, err,
+                                 platform::Machine::Current().system().GetACP());
   out << text.str();
   return status;
 }

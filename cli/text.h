@@ -7,8 +7,6 @@
 
 namespace iac {
 
-std::string utf16ToUtf8(const std::u16string& text);
-
 // Converts from the current machine's ANSI code page.
 TextEncoder machineTextEncoder();
 

@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "cli/reg_query.cpp"  // NOLINT(build/include)
+#include "cli/reg_query.h"
 #include "platform/recorded/recorded_registry.h"
 
 namespace {
