@@ -86,7 +86,9 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Load(const std::string& direct
   for (auto it = fs::recursive_directory_iterator(root, ec);
        !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (!it->is_regular_file(ec)) continue;
-    const std::string relative = fs::relative(it->path(), root, ec).generic_string();
+    // Lexical, so that a linked file keeps its place in the machine (relative() would
+    // resolve the link).
+    const std::string relative = it->path().lexically_relative(root).generic_string();
     if (StartsWith(relative, "hives/")) {
       hives[relative] = it->path().string();
     } else {
