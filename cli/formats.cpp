@@ -146,35 +146,44 @@ std::string tableText(const TCIMValue& value, const TextEncoder& encode) {
   }
 }
 
+void tableInstance(std::ostream& out, std::size_t number, const InstanceView& instance,
+                   const TextEncoder& encode) {
+  out << "\n  [" << number << "] " << encode(instance.path) << "\n";
+  std::size_t width = 0;
+  for (const PropertyView& property : instance.properties) {
+    if (!property.value.IsNull()) width = std::max(width, property.name.size());
+  }
+  for (const PropertyView& property : instance.properties) {
+    if (property.value.IsNull()) continue;
+    const std::string label = property.name + std::string(width - property.name.size(), ' ');
+    if (!property.value.IsArray()) {
+      out << "      " << label << "  " << tableText(property.value, encode) << "\n";
+      continue;
+    }
+    const auto& elements = property.value.GetElements();
+    if (elements.empty()) out << "      " << label << "  (empty list)\n";
+    for (std::size_t e = 0; e < elements.size(); ++e) {
+      out << "      " << (e == 0 ? label : std::string(width, ' ')) << "  "
+          << tableText(elements[e], encode) << "\n";
+    }
+  }
+}
+
+// Grouped by class, for a person; classes without instances share one closing line.
 std::string renderTable(const std::vector<ClassView>& classes, const TextEncoder& encode) {
   std::ostringstream out;
+  std::string empty;
   for (const ClassView& cls : classes) {
     const std::size_t count = cls.instances.size();
-    out << cls.name << ": " << count << (count == 1 ? " instance" : " instances") << "\n";
-    for (std::size_t i = 0; i < count; ++i) {
-      const InstanceView& instance = cls.instances[i];
-      out << "\n  [" << (i + 1) << "] " << encode(instance.path) << "\n";
-      std::size_t width = 0;
-      for (const PropertyView& property : instance.properties) {
-        if (!property.value.IsNull()) width = std::max(width, property.name.size());
-      }
-      for (const PropertyView& property : instance.properties) {
-        if (property.value.IsNull()) continue;
-        const std::string label = property.name + std::string(width - property.name.size(), ' ');
-        if (!property.value.IsArray()) {
-          out << "      " << label << "  " << tableText(property.value, encode) << "\n";
-          continue;
-        }
-        const auto& elements = property.value.GetElements();
-        if (elements.empty()) out << "      " << label << "  (empty list)\n";
-        for (std::size_t e = 0; e < elements.size(); ++e) {
-          out << "      " << (e == 0 ? label : std::string(width, ' ')) << "  "
-              << tableText(elements[e], encode) << "\n";
-        }
-      }
+    if (count == 0) {
+      empty += (empty.empty() ? "" : ", ") + cls.name;
+      continue;
     }
+    out << cls.name << ": " << count << (count == 1 ? " instance" : " instances") << "\n";
+    for (std::size_t i = 0; i < count; ++i) tableInstance(out, i + 1, cls.instances[i], encode);
     out << "\n";
   }
+  if (!empty.empty()) out << "No instances: " << empty << "\n";
   return out.str();
 }
 

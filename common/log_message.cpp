@@ -16,7 +16,12 @@ void* g_gate = nullptr;
 LogMessage::~LogMessage() = default;
 
 LogMessage* LogMessage::instance() {
-  if (g_instance == nullptr) g_instance = new LogMessage();
+  // Static storage rather than the heap: a host that unloads the plug-in takes the
+  // pointer with it, and the object must not outlive it as a leak.
+  if (g_instance == nullptr) {
+    static LogMessage theInstance;
+    g_instance = &theInstance;
+  }
   return g_instance;
 }
 

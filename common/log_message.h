@@ -11,8 +11,8 @@ class LogMessage {
  public:
   virtual ~LogMessage();
 
-  // The process-wide instance, created on first use. Never freed: every user keeps a
-  // plain pointer to it.
+  // The process-wide instance, created on first use. Never freed by its users: each keeps
+  // a plain pointer to it.
   static LogMessage* instance();
 
   // Nothing is logged while the gate is null. The callbacks object opens it with the

@@ -94,6 +94,10 @@ TEST_F(IacTest, UnknownClassIsNotAnError) {
   const IacRun run = iac("collect --class KestovaSG_NoSuchClass --format json");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_TRUE(nlohmann::json::parse(run.out)["instances"].empty());
+  const IacRun table = iac("collect --class KestovaSG_PageFile --class KestovaSG_NoSuchClass");
+  ASSERT_EQ(table.status, 0) << table.err;
+  EXPECT_NE(table.out.find("\nNo instances: KestovaSG_NoSuchClass\n"), std::string::npos)
+      << table.out;
 }
 
 TEST_F(IacTest, LogFileKeepsMessagesUpToTheChosenLevel) {
