@@ -148,9 +148,9 @@ class TESSIL_API TCIMValue {
 
   // Scalar accessors; each throws TTessilException(kStatusTypeMismatch) on another type.
   bool GetBoolean() const;
-  std::uint64_t GetUnsigned() const;  // any unsigned integer type
-  std::int64_t GetSigned() const;     // any signed integer type
-  double GetReal() const;             // real32 or real64
+  std::uint64_t GetUnsigned() const;     // any unsigned integer type
+  std::int64_t GetSigned() const;        // any signed integer type
+  double GetReal() const;                // real32 or real64
   const std::string& GetString() const;  // string or char16
   const TCIMDateTime& GetDateTime() const;
   const TCIMReference& GetReference() const;

@@ -80,8 +80,8 @@ class Pdh {
   virtual PDH_STATUS PdhGetCounterInfoA(PDH_HCOUNTER counter, BOOLEAN retrieveExplainText,
                                         DWORD* size, PDH_COUNTER_INFO_A* info) = 0;
   virtual PDH_STATUS PdhCollectQueryData(PDH_HQUERY query) = 0;
-  virtual PDH_STATUS PdhGetFormattedCounterValue(PDH_HCOUNTER counter, DWORD format,
-                                                 DWORD* type, PDH_FMT_COUNTERVALUE* value) = 0;
+  virtual PDH_STATUS PdhGetFormattedCounterValue(PDH_HCOUNTER counter, DWORD format, DWORD* type,
+                                                 PDH_FMT_COUNTERVALUE* value) = 0;
   virtual PDH_STATUS PdhRemoveCounter(PDH_HCOUNTER counter) = 0;
   virtual PDH_STATUS PdhCloseQuery(PDH_HQUERY query) = 0;
 };

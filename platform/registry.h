@@ -16,18 +16,16 @@ class Registry {
   // lengths in bytes.
   virtual LONG RegQueryInfoKeyA(HKEY key, char* className, DWORD* classLength, DWORD* reserved,
                                 DWORD* subKeys, DWORD* maxSubKeyLength, DWORD* maxClassLength,
-                                DWORD* values, DWORD* maxValueNameLength,
-                                DWORD* maxValueLength, DWORD* securityDescriptor,
-                                FILETIME* lastWriteTime) = 0;
+                                DWORD* values, DWORD* maxValueNameLength, DWORD* maxValueLength,
+                                DWORD* securityDescriptor, FILETIME* lastWriteTime) = 0;
   // `nameLength`: in, the buffer's size in characters; out, the name's length without NUL.
   // ERROR_MORE_DATA when the name does not fit, ERROR_NO_MORE_ITEMS past the last key.
-  virtual LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength,
-                             DWORD* reserved, char* className, DWORD* classLength,
-                             FILETIME* lastWriteTime) = 0;
+  virtual LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD* reserved,
+                             char* className, DWORD* classLength, FILETIME* lastWriteTime) = 0;
   // ERROR_MORE_DATA when the name or the data does not fit (`dataLength` then holds the
   // size needed), ERROR_NO_MORE_ITEMS past the last value.
-  virtual LONG RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* nameLength,
-                             DWORD* reserved, DWORD* type, BYTE* data, DWORD* dataLength) = 0;
+  virtual LONG RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* nameLength, DWORD* reserved,
+                             DWORD* type, BYTE* data, DWORD* dataLength) = 0;
   // `valueName` null or "" reads the default value. With `data` null, `dataLength` gets
   // the size needed; with a short buffer, ERROR_MORE_DATA and the size needed.
   virtual LONG RegQueryValueExA(HKEY key, const char* valueName, DWORD* reserved, DWORD* type,

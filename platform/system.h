@@ -41,7 +41,7 @@ class System {
 
   // Memory and page files.
   virtual BOOL GlobalMemoryStatusEx(MEMORYSTATUSEX* status) = 0;
-  virtual BOOL GetPerformanceInfo(PERFORMANCE_INFORMATION* info, DWORD size) = 0;  // psapi
+  virtual BOOL GetPerformanceInfo(PERFORMANCE_INFORMATION* info, DWORD size) = 0;      // psapi
   virtual BOOL EnumPageFilesA(PENUM_PAGE_FILE_CALLBACKA callback, void* context) = 0;  // psapi
   // ntdll; fills `buffer` (entries point into it) or answers
   // STATUS_INFO_LENGTH_MISMATCH when `length` is too small.
@@ -66,18 +66,17 @@ class System {
   virtual DWORD GetEnvironmentVariableA(const char* name, char* buffer, DWORD size) = 0;
   // The process environment as getenv sees it; null when the variable is not set.
   virtual const char* getenv(const char* name) = 0;
-  virtual DWORD ExpandEnvironmentStringsA(const char* source, char* destination,
-                                          DWORD size) = 0;
+  virtual DWORD ExpandEnvironmentStringsA(const char* source, char* destination, DWORD size) = 0;
   // With FORMAT_MESSAGE_ALLOCATE_BUFFER, `buffer` is a char** that receives a buffer to
   // be released with LocalFree.
-  virtual DWORD FormatMessageA(DWORD flags, const void* source, DWORD messageId,
-                               DWORD languageId, char* buffer, DWORD size, void* args) = 0;
+  virtual DWORD FormatMessageA(DWORD flags, const void* source, DWORD messageId, DWORD languageId,
+                               char* buffer, DWORD size, void* args) = 0;
   virtual void* LocalFree(void* memory) = 0;
-  virtual int WideCharToMultiByte(UINT codePage, DWORD flags, const WCHAR* wide,
-                                  int wideLength, char* narrow, int narrowSize,
-                                  const char* defaultChar, BOOL* usedDefaultChar) = 0;
-  virtual int MultiByteToWideChar(UINT codePage, DWORD flags, const char* narrow,
-                                  int narrowLength, WCHAR* wide, int wideSize) = 0;
+  virtual int WideCharToMultiByte(UINT codePage, DWORD flags, const WCHAR* wide, int wideLength,
+                                  char* narrow, int narrowSize, const char* defaultChar,
+                                  BOOL* usedDefaultChar) = 0;
+  virtual int MultiByteToWideChar(UINT codePage, DWORD flags, const char* narrow, int narrowLength,
+                                  WCHAR* wide, int wideSize) = 0;
   virtual UINT GetACP() = 0;
 
   // Error mode, directories, WOW64 file-system redirection (kernel32, looked up).

@@ -57,8 +57,12 @@ constexpr LONG WBEM_FLAG_RETURN_IMMEDIATELY = 0x10;
 constexpr LONG WBEM_FLAG_FORWARD_ONLY = 0x20;
 constexpr LONG WBEM_INFINITE = -1;
 
-inline bool FAILED(HRESULT hr) { return hr < 0; }
-inline bool SUCCEEDED(HRESULT hr) { return hr >= 0; }
+inline bool FAILED(HRESULT hr) {
+  return hr < 0;
+}
+inline bool SUCCEEDED(HRESULT hr) {
+  return hr >= 0;
+}
 
 // The four WMI interfaces, reduced to the operations the collectors call. Objects are
 // reference counted as in COM: Release frees the last reference.
@@ -78,8 +82,7 @@ class IEnumWbemClassObject {
  public:
   virtual ULONG Release() = 0;
   // S_OK with `*returned` objects, WBEM_S_FALSE with fewer (0 at the end).
-  virtual HRESULT Next(LONG timeout, ULONG count, IWbemClassObject** objects,
-                       ULONG* returned) = 0;
+  virtual HRESULT Next(LONG timeout, ULONG count, IWbemClassObject** objects, ULONG* returned) = 0;
 
  protected:
   virtual ~IEnumWbemClassObject() = default;
@@ -88,8 +91,8 @@ class IEnumWbemClassObject {
 class IWbemServices {
  public:
   virtual ULONG Release() = 0;
-  virtual HRESULT ExecQuery(const WCHAR* language, const WCHAR* query, LONG flags,
-                            void* context, IEnumWbemClassObject** result) = 0;
+  virtual HRESULT ExecQuery(const WCHAR* language, const WCHAR* query, LONG flags, void* context,
+                            IEnumWbemClassObject** result) = 0;
 
  protected:
   virtual ~IWbemServices() = default;
@@ -112,15 +115,14 @@ class Wmi {
   virtual ~Wmi() = default;
   virtual HRESULT CoInitializeEx(void* reserved, DWORD coInit) = 0;
   virtual HRESULT CoInitializeSecurity(void* securityDescriptor, LONG authServiceCount,
-                                       void* authServices, void* reserved1,
-                                       DWORD authnLevel, DWORD impLevel, void* authList,
-                                       DWORD capabilities, void* reserved3) = 0;
+                                       void* authServices, void* reserved1, DWORD authnLevel,
+                                       DWORD impLevel, void* authList, DWORD capabilities,
+                                       void* reserved3) = 0;
   // CoCreateInstance(CLSID_WbemLocator, NULL, clsContext, IID_IWbemLocator, ...).
   virtual HRESULT CoCreateWbemLocator(DWORD clsContext, IWbemLocator** locator) = 0;
-  virtual HRESULT CoSetProxyBlanket(IWbemServices* proxy, DWORD authnService,
-                                    DWORD authzService, WCHAR* serverPrincipalName,
-                                    DWORD authnLevel, DWORD impLevel, void* authInfo,
-                                    DWORD capabilities) = 0;
+  virtual HRESULT CoSetProxyBlanket(IWbemServices* proxy, DWORD authnService, DWORD authzService,
+                                    WCHAR* serverPrincipalName, DWORD authnLevel, DWORD impLevel,
+                                    void* authInfo, DWORD capabilities) = 0;
   virtual void CoUninitialize() = 0;
   virtual void VariantInit(VARIANT* value) = 0;
   virtual HRESULT VariantClear(VARIANT* value) = 0;

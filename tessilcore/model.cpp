@@ -222,7 +222,7 @@ void TInstance::SetPropertyValue(const std::string& name, const TCIMValue& value
   const std::string mismatch = decl_->name + "." + decl.name + " is " + decl.type.ToString() +
                                (decl.isArray ? "[]" : "") + ", the value " +
                                value.GetType().ToString() + (value.IsArray() ? "[]" : "");
-  if (value.IsArray() != decl.isArray) throw TTessilException(kStatusTypeMismatch, mismatch);
+  if (value.IsArray() && !decl.isArray) throw TTessilException(kStatusTypeMismatch, mismatch);
   if (!decl.isArray) {
     TCIMValue converted;
     if (!ConvertScalar(value, decl, host_->schema, converted)) {
@@ -231,8 +231,12 @@ void TInstance::SetPropertyValue(const std::string& name, const TCIMValue& value
     slot = converted;
     return;
   }
+  // A scalar given to an array property is its one element: the instance fix-up sets ""
+  // on every unset string property, string arrays included.
+  const std::vector<TCIMValue> given =
+      value.IsArray() ? value.GetElements() : std::vector<TCIMValue>{value};
   std::vector<TCIMValue> elements;
-  for (const TCIMValue& element : value.GetElements()) {
+  for (const TCIMValue& element : given) {
     TCIMValue converted;
     if (!ConvertScalar(element, decl, host_->schema, converted)) {
       throw TTessilException(kStatusTypeMismatch, mismatch);

@@ -27,7 +27,7 @@ platform::BOOL recordPageFile(void* context, platform::ENUM_PAGE_FILE_INFORMATIO
   return platform::TRUE;
 }
 
-// Name of one kernel entry, kept within the buffer the kernel filled. The design takes
+// Name of one kernel entry, kept within the buffer the kernel filled. The collector takes
 // the maximum length as the length; on well-formed data what follows the name is its NUL,
 // so the name is cut there.
 std::string entryName(System& system, const platform::SYSTEM_PAGEFILE_INFORMATION& entry,

@@ -133,7 +133,8 @@ TEST_F(RefTest, SetPropertyValueChecksTheDeclaredType) {
       {"R_Item", "Slot", TCIMValue("5"), 4, nullptr},      // text into a number
       {"R_Item", "Note", TCIMValue(5u), 4, nullptr},
       {"R_Item", "Note", TCIMValue(nk::eCIMTypeString, 1, {TCIMValue("x")}), 4, nullptr},
-      {"R_Item", "List", TCIMValue("x"), 4, nullptr},  // scalar into array
+      {"R_Item", "List", TCIMValue("x"), 0, "x"},     // a scalar is a one-element array
+      {"R_Item", "List", TCIMValue(5u), 4, nullptr},  // of the element type only
       {"R_Item", "List", TCIMValue(nk::eCIMTypeString, 2, {TCIMValue("x"), TCIMValue("y")}), 0,
        "x,y"},
       {"R_Item", "When", TCIMValue(nk::TCIMDateTime(1, 0, 0, 0, 0)), 0,

@@ -42,7 +42,8 @@ std::unique_ptr<std::string> ReadValue(Machine& m, const std::string& path, cons
   std::unique_ptr<std::string> out;
   if (reg.RegQueryValueExA(key, value, nullptr, &t, nullptr, &size) == 0) {
     std::string data(size, '\0');
-    if (reg.RegQueryValueExA(key, value, nullptr, &t, reinterpret_cast<BYTE*>(&data[0]), &size) == 0) {
+    if (reg.RegQueryValueExA(key, value, nullptr, &t, reinterpret_cast<BYTE*>(&data[0]), &size) ==
+        0) {
       data.resize(size);
       if (t == platform::REG_SZ && !data.empty() && data.back() == '\0') data.pop_back();
       out = std::make_unique<std::string>(data);
@@ -135,7 +136,8 @@ TEST(ExampleMachines, IdentificationFacts) {
     EXPECT_EQ(sys.GetProcAddress(kernel32, "GetProductInfo") != nullptr, c.productInfo);
 
     EXPECT_EQ(ReadValue(*m, "SOFTWARE\\MICROSOFT\\WINDOWS\\CurrentVersion\\R2Setup",
-                        "R2BuildNumber") != nullptr, c.r2);
+                        "R2BuildNumber") != nullptr,
+              c.r2);
     EXPECT_EQ(KeyExists(*m, "SYSTEM\\CurrentControlSet\\Control\\MiniNT"), c.miniNT);
     const std::string product = Text(*m, kCurrentVersion, "ProductName");
     const std::string lab = Text(*m, kCurrentVersion, "BuildLabEx");
@@ -221,10 +223,8 @@ TEST_F(ExampleDefaultMachine, ComponentFilesAndVersions) {
     const char* path;
     bool present;
   } files[] = {
-      {"C:\\Windows\\inf\\games.inf", true},
-      {"C:\\Windows\\inf\\accessor.inf", true},
-      {"C:\\Windows\\inf\\netoc.inf", true},
-      {"C:\\Windows\\inf\\fxsocm.inf", true},
+      {"C:\\Windows\\inf\\games.inf", true},   {"C:\\Windows\\inf\\accessor.inf", true},
+      {"C:\\Windows\\inf\\netoc.inf", true},   {"C:\\Windows\\inf\\fxsocm.inf", true},
       {"C:\\Windows\\inf\\wbemoc.inf", false},  // named by sysoc.inf, deliberately absent
   };
   for (const auto& f : files) {

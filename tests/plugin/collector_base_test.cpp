@@ -74,15 +74,16 @@ TEST_F(CollectorBaseTest, FullMapIsSetAsGivenWithoutFixUp) {
 }
 
 TEST_F(CollectorBaseTest, UnsetStringsBecomeEmptyOtherTypesStayUnset) {
-  const auto instance =
-      build({{"Id", "w1"}, {"Vendor", TCIMValue()}, {"Codes", TCIMValue()}, {"Tags", TCIMValue()}});
+  const auto instance = build({{"Id", "w1"}, {"Vendor", TCIMValue()}, {"Codes", TCIMValue()}});
   EXPECT_EQ(property(instance, "Label"), "");
+  EXPECT_EQ(property(instance, "Tags"), "");  // a string array too: one empty element
   EXPECT_EQ(property(instance, "Count"), "<unset>");
   EXPECT_EQ(property(instance, "Installed"), "<unset>");
   // Named in the map with a null value: neither set nor fixed up.
   EXPECT_EQ(property(instance, "Vendor"), "<unset>");
   EXPECT_EQ(fixUps(),
-            std::vector<std::string>{"Fixing up instance ...Test_Widget with propertyLabel"});
+            (std::vector<std::string>{"Fixing up instance ...Test_Widget with propertyLabel",
+                                      "Fixing up instance ...Test_Widget with propertyTags"}));
 }
 
 TEST_F(CollectorBaseTest, FixUpAnswersOneConstantPerFixedProperty) {

@@ -2,11 +2,12 @@
 // RegQueryValueExA does on that machine.
 #ifdef _WIN32
 
-#include <windows.h>
-
 #include <stdexcept>
 
 #include "platform/recorded/codepage.h"
+
+// <windows.h> after our headers: several of our names are macros there.
+#include <windows.h>
 
 namespace platform::recorded {
 
