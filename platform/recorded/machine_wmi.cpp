@@ -26,17 +26,32 @@ std::u16string Upper(std::u16string s) {
   return s;
 }
 
-class ClassObject : public IWbemClassObject {
+// The reference count every recorded WMI object keeps, as COM objects do; the machine
+// counts live objects so that tests can see a leaked one.
+template <class Interface>
+class Counted : public Interface {
  public:
-  ClassObject(RecordedWmi& wmi, const WmiRow& row) : wmi_(wmi), row_(row) { wmi_.objectCreated(); }
+  explicit Counted(RecordedWmi& wmi) : wmi_(wmi) { wmi_.objectCreated(); }
   ULONG Release() override {
-    ULONG left = --refs_;
-    if (!left) {
+    const ULONG left = --refs_;
+    if (left == 0) {
       wmi_.objectReleased();
       delete this;
     }
     return left;
   }
+
+ protected:
+  ~Counted() override = default;
+  RecordedWmi& wmi_;
+
+ private:
+  ULONG refs_ = 1;
+};
+
+class ClassObject : public Counted<IWbemClassObject> {
+ public:
+  ClassObject(RecordedWmi& wmi, const WmiRow& row) : Counted(wmi), row_(row) {}
   HRESULT Get(const WCHAR* name, LONG, VARIANT* value, CIMTYPE* type, LONG* flavor) override {
     if (!name) return E_INVALIDARG;
     const std::string wanted = Lower(WideToUtf8(name));
@@ -63,24 +78,12 @@ class ClassObject : public IWbemClassObject {
 
  private:
   ~ClassObject() override = default;
-  RecordedWmi& wmi_;
   const WmiRow& row_;
-  ULONG refs_ = 1;
 };
 
-class Enumerator : public IEnumWbemClassObject {
+class Enumerator : public Counted<IEnumWbemClassObject> {
  public:
-  Enumerator(RecordedWmi& wmi, const std::vector<WmiRow>& rows) : wmi_(wmi), rows_(rows) {
-    wmi_.objectCreated();
-  }
-  ULONG Release() override {
-    ULONG left = --refs_;
-    if (!left) {
-      wmi_.objectReleased();
-      delete this;
-    }
-    return left;
-  }
+  Enumerator(RecordedWmi& wmi, const std::vector<WmiRow>& rows) : Counted(wmi), rows_(rows) {}
   HRESULT Next(LONG, ULONG count, IWbemClassObject** objects, ULONG* returned) override {
     if (!objects || !returned) return E_INVALIDARG;
     ULONG n = 0;
@@ -91,23 +94,13 @@ class Enumerator : public IEnumWbemClassObject {
 
  private:
   ~Enumerator() override = default;
-  RecordedWmi& wmi_;
   const std::vector<WmiRow>& rows_;
   std::size_t next_ = 0;
-  ULONG refs_ = 1;
 };
 
-class Services : public IWbemServices {
+class Services : public Counted<IWbemServices> {
  public:
-  explicit Services(RecordedWmi& wmi) : wmi_(wmi) { wmi_.objectCreated(); }
-  ULONG Release() override {
-    ULONG left = --refs_;
-    if (!left) {
-      wmi_.objectReleased();
-      delete this;
-    }
-    return left;
-  }
+  explicit Services(RecordedWmi& wmi) : Counted(wmi) {}
   HRESULT ExecQuery(const WCHAR* language, const WCHAR* query, LONG, void*,
                     IEnumWbemClassObject** result) override {
     if (!result) return E_POINTER;
@@ -137,21 +130,11 @@ class Services : public IWbemServices {
 
  private:
   ~Services() override = default;
-  RecordedWmi& wmi_;
-  ULONG refs_ = 1;
 };
 
-class Locator : public IWbemLocator {
+class Locator : public Counted<IWbemLocator> {
  public:
-  explicit Locator(RecordedWmi& wmi) : wmi_(wmi) { wmi_.objectCreated(); }
-  ULONG Release() override {
-    ULONG left = --refs_;
-    if (!left) {
-      wmi_.objectReleased();
-      delete this;
-    }
-    return left;
-  }
+  explicit Locator(RecordedWmi& wmi) : Counted(wmi) {}
   HRESULT ConnectServer(const WCHAR* resource, const WCHAR*, const WCHAR*, const WCHAR*, LONG,
                         const WCHAR*, void*, IWbemServices** services) override {
     if (!services) return E_POINTER;
@@ -165,8 +148,6 @@ class Locator : public IWbemLocator {
 
  private:
   ~Locator() override = default;
-  RecordedWmi& wmi_;
-  ULONG refs_ = 1;
 };
 
 WmiValue ReadValue(const Field& f) {
