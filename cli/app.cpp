@@ -6,6 +6,7 @@
 #include <memory>
 #include <ostream>
 #include <sstream>
+#include <stdexcept>
 
 #include "cli/formats.h"
 #include "cli/reg_query.h"
@@ -33,6 +34,12 @@ const char* const kPluginFile = "/installedapps.so";
 constexpr bool kLiveByDefault = false;
 #endif
 
+// A command line that cannot be carried out as given (exit status 2, like a parse error).
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 struct MachineOptions {
   std::string directory;
   bool live = false;
@@ -53,7 +60,7 @@ void installMachine(const MachineOptions& options) {
   if (!options.directory.empty()) {
     platform::Machine::Install(platform::recorded::RecordedMachine::Load(options.directory));
   } else if (options.live) {
-    if (!kLiveByDefault) throw std::runtime_error("--live needs Windows; use --machine DIR");
+    if (!kLiveByDefault) throw UsageError("--live needs Windows; use --machine DIR");
   } else if (!kLiveByDefault) {
     platform::Machine::Install(
         platform::recorded::RecordedMachine::FromFiles(default_machine::files()));
@@ -232,6 +239,9 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
     if (queryCommand->parsed()) {
       return regQuery(regMachine, regKey, regSwitches, regRecursive, out, err);
     }
+  } catch (const UsageError& e) {
+    err << "iac: " << e.what() << "\n";
+    return 2;
   } catch (const std::exception& e) {
     err << "iac: error: " << describeError(e) << "\n";
     return 1;

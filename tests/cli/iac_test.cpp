@@ -70,6 +70,41 @@ TEST_F(IacTest, PageFilesOfTheDefaultMachineInNameOrder) {
   EXPECT_TRUE(normalExit);
 }
 
+struct MachinePageFiles {
+  const char* machine;
+  const char* names;   // the Name of each page file, in order, joined by '|'
+  bool throughKernel;  // psapi could not enumerate them
+};
+
+class IacMachineTest : public IacTest, public ::testing::WithParamInterface<MachinePageFiles> {};
+
+TEST_P(IacMachineTest, PageFilesThroughEitherSource) {
+  const MachinePageFiles& c = GetParam();
+  const IacRun run =
+      iac(std::string("collect --class KestovaSG_PageFile --format json --machine ") +
+          IA_SOURCE_DIR "/examples/machines/" + c.machine);
+  ASSERT_EQ(run.status, 0) << run.err;
+  const auto document = nlohmann::json::parse(run.out);
+  std::string names;
+  for (const auto& instance : document["instances"]) {
+    names += (names.empty() ? "" : "|") + instance["properties"]["Name"].get<std::string>();
+    EXPECT_GT(instance["properties"]["FileSize"].get<std::uint64_t>(), 0u);
+  }
+  EXPECT_EQ(names, c.names);
+  const std::string fallback =
+      "PageFileInfo::getPagefileInfocannot retrieve EnumPageFilesA Function from psapi.dll.";
+  bool logged = false;
+  for (const auto& record : document["log"]) logged = logged || record["message"] == fallback;
+  EXPECT_EQ(logged, c.throughKernel);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Examples, IacMachineTest,
+    ::testing::Values(MachinePageFiles{"win7-sp1-x64", "C:\\pagefile.sys|D:\\pagefile.sys", false},
+                      MachinePageFiles{"xp-sp3", "C:\\pagefile.sys", false},
+                      MachinePageFiles{"winpe-6.1", "C:\\pagefile.sys", true},
+                      MachinePageFiles{"vista-sp2", "", false}));
+
 TEST_F(IacTest, EveryFormatRendersTheSameInstances) {
   const IacRun table = iac("collect --class KestovaSG_PageFile");
   ASSERT_EQ(table.status, 0) << table.err;
@@ -125,14 +160,16 @@ TEST_P(IacBadInputTest, ClearMessageNonZeroExitNothingPrinted) {
   EXPECT_TRUE(run.out.empty()) << run.out;
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, IacBadInputTest,
-    ::testing::Values(BadInput{"collect --format xml", 2, "--format"},
-                      BadInput{"collect --machine /nonexistent/machine", 2, "/nonexistent/machine"},
-                      BadInput{"collect --log-level 9", 2, "--log-level"},
-                      BadInput{"collect --plugin /nonexistent/plugin.so", 2,
-                               "/nonexistent/plugin.so"},
-                      BadInput{"frobnicate", 2, "frobnicate"}, BadInput{"", 2, "subcommand"}));
+INSTANTIATE_TEST_SUITE_P(Cases, IacBadInputTest,
+                         ::testing::Values(BadInput{"collect --format xml", 2, "--format"},
+                                           BadInput{"collect --machine /nonexistent/machine", 2,
+                                                    "/nonexistent/machine"},
+                                           BadInput{"collect --log-level 9", 2, "--log-level"},
+                                           BadInput{"collect --plugin /nonexistent/plugin.so", 2,
+                                                    "/nonexistent/plugin.so"},
+                                           BadInput{"frobnicate", 2, "frobnicate"},
+                                           BadInput{"collect --live", 2, "--live needs Windows"},
+                                           BadInput{"", 2, "subcommand"}));
 
 TEST_F(IacTest, BrokenMachineIsRefusedNamingTheFile) {
   std::ofstream(scratch / "machine.json") << "{ \"system\": 12 }";
