@@ -101,6 +101,19 @@ std::u16string Utf8ToWide(const std::string& utf8) {
   return out;
 }
 
+bool DecodeUtf16LeWithBom(const std::string& bytes, std::u16string& text) {
+  if (bytes.size() < 2 || static_cast<unsigned char>(bytes[0]) != 0xFF ||
+      static_cast<unsigned char>(bytes[1]) != 0xFE) {
+    return false;
+  }
+  text.clear();
+  for (std::size_t i = 2; i + 1 < bytes.size(); i += 2) {
+    text.push_back(static_cast<char16_t>(static_cast<unsigned char>(bytes[i]) |
+                                         (static_cast<unsigned char>(bytes[i + 1]) << 8)));
+  }
+  return true;
+}
+
 #ifndef _WIN32
 
 namespace {

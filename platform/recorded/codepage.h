@@ -23,4 +23,8 @@ KPLATFORM_API std::u16string AnsiToWide(const std::string& narrow, unsigned code
 KPLATFORM_API std::string WideToUtf8(const std::u16string& wide);
 KPLATFORM_API std::u16string Utf8ToWide(const std::string& utf8);
 
+// A file's bytes that begin with the UTF-16LE byte-order mark (as regedit, wmic and
+// setup files may be written), as UTF-16 without the mark; false for any other bytes.
+KPLATFORM_API bool DecodeUtf16LeWithBom(const std::string& bytes, std::u16string& text);
+
 }  // namespace platform::recorded

@@ -15,14 +15,8 @@ std::size_t Align4(std::size_t n) {
 
 // INF text as SetupAPI reads it: UTF-16 with BOM or UTF-8 with BOM become the code page.
 std::string InfText(const std::string& bytes, UINT codePage) {
-  if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
-      static_cast<unsigned char>(bytes[1]) == 0xFE) {
-    std::u16string wide;
-    for (std::size_t i = 2; i + 1 < bytes.size(); i += 2)
-      wide.push_back(static_cast<char16_t>(static_cast<unsigned char>(bytes[i]) |
-                                           (static_cast<unsigned char>(bytes[i + 1]) << 8)));
-    return WideToAnsi(wide, codePage);
-  }
+  std::u16string wide;
+  if (DecodeUtf16LeWithBom(bytes, wide)) return WideToAnsi(wide, codePage);
   if (bytes.compare(0, 3, "\xEF\xBB\xBF") == 0)
     return WideToAnsi(Utf8ToWide(bytes.substr(3)), codePage);
   return bytes;

@@ -204,12 +204,8 @@ DATE OleDateFromUnixMillis(std::int64_t unixMillis) {
 
 std::vector<WmiRow> ImportWmicList(const std::string& bytes) {
   std::string text;
-  if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
-      static_cast<unsigned char>(bytes[1]) == 0xFE) {
-    std::u16string wide;
-    for (std::size_t i = 2; i + 1 < bytes.size(); i += 2)
-      wide.push_back(static_cast<char16_t>(static_cast<unsigned char>(bytes[i]) |
-                                           (static_cast<unsigned char>(bytes[i + 1]) << 8)));
+  std::u16string wide;
+  if (DecodeUtf16LeWithBom(bytes, wide)) {
     text = WideToUtf8(wide);
   } else {
     text = bytes.compare(0, 3, "\xEF\xBB\xBF") == 0 ? bytes.substr(3) : bytes;

@@ -56,10 +56,8 @@ bool ParseHex(const std::u16string& s, size_t maxDigits, std::uint32_t& out) {
 }
 
 std::u16string Decode(const std::string& name, const std::string& bytes, unsigned codePage) {
-  if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFF &&
-      static_cast<unsigned char>(bytes[1]) == 0xFE) {
-    return Utf16FromBytes(reinterpret_cast<const BYTE*>(bytes.data()) + 2, bytes.size() - 2);
-  }
+  std::u16string wide;
+  if (DecodeUtf16LeWithBom(bytes, wide)) return wide;
   if (bytes.size() >= 2 && static_cast<unsigned char>(bytes[0]) == 0xFE &&
       static_cast<unsigned char>(bytes[1]) == 0xFF) {
     std::u16string text((bytes.size() - 2) / 2, u'\0');
