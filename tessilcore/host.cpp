@@ -121,13 +121,19 @@ void THost::Impl::RunPlugins(std::vector<TClassPtr> classes) {
     IPluginBasicQueryCallbacks* query = QueryInterface(plugins[i]->callbacks);
     if (query == nullptr) continue;
     std::vector<boost::shared_ptr<ICIMClass>> request(handles);
-    try {
-      query->QueryInstances(ns, request);
-    } catch (const TTessilException& e) {
-      logger.Log(0, "Host: plug-in query failed: " + std::string(e.what()) + " " + e.GetDetail());
-    } catch (const std::exception& e) {
-      logger.Log(0, "Host: plug-in query failed: " + std::string(e.what()));
-    }
+    RunPluginQuery(*query, request);
+  }
+}
+
+// A plug-in that lets an exception out is logged; the run goes on with the next one.
+void THost::Impl::RunPluginQuery(IPluginBasicQueryCallbacks& query,
+                                 std::vector<boost::shared_ptr<ICIMClass>>& request) {
+  try {
+    query.QueryInstances(ns, request);
+  } catch (const TTessilException& e) {
+    logger.Log(0, "Host: plug-in query failed: " + std::string(e.what()) + " " + e.GetDetail());
+  } catch (const std::exception& e) {
+    logger.Log(0, "Host: plug-in query failed: " + std::string(e.what()));
   }
 }
 
@@ -154,13 +160,7 @@ void THost::Impl::EnumerateInstances(const std::string& className, bool deep,
       }
     }
     if (request.empty()) continue;
-    try {
-      query->QueryInstances(ns, request);
-    } catch (const TTessilException& e) {
-      logger.Log(0, "Host: plug-in query failed: " + std::string(e.what()) + " " + e.GetDetail());
-    } catch (const std::exception& e) {
-      logger.Log(0, "Host: plug-in query failed: " + std::string(e.what()));
-    }
+    RunPluginQuery(*query, request);
   }
   for (const auto& instance : Committed(className, deep)) callback.Report(instance);
 }

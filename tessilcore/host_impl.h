@@ -62,6 +62,9 @@ struct THost::Impl {
   TClassPtr ClassOrStandIn(const std::string& className) const;
   boost::shared_ptr<ICIMClass> MakeClass(const TClassPtr& decl);
   void Commit(const boost::shared_ptr<TInstance>& instance);
+  // One plug-in query; an exception it lets out is logged, not thrown on.
+  void RunPluginQuery(IPluginBasicQueryCallbacks& query,
+                      std::vector<boost::shared_ptr<ICIMClass>>& request);
   // Runs the plug-ins for the served classes among `className` (and its subclasses when
   // deep) not yet collected in this run, then reports the committed instances.
   void EnumerateInstances(const std::string& className, bool deep,
