@@ -11,6 +11,7 @@
 #include "cli/formats.h"
 #include "cli/reg_query.h"
 #include "cli/text.h"
+#include "platform/capture/capture.h"
 #include "platform/machine.h"
 #include "platform/process.h"
 #include "platform/recorded/recorded_machine.h"
@@ -171,6 +172,17 @@ int regQuery(const MachineOptions& machine, const std::string& key,
   return status;
 }
 
+int capture(const MachineOptions& machine, const std::string& directory, std::ostream& out) {
+  installMachine(machine);
+  try {
+    platform::capture::CaptureMachine(platform::Machine::Current(), directory);
+  } catch (const platform::capture::CaptureRefused& e) {
+    throw UsageError(std::string(e.what()) + "; give a new or empty folder");
+  }
+  out << "iac: captured the machine into " << directory << "\n";
+  return 0;
+}
+
 }  // namespace
 
 int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err) {
@@ -213,13 +225,26 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   queryCommand->add_option("switches", regSwitches, "/s: every sub-key too");
   queryCommand->add_flag("-s,--recursive", regRecursive, "Every sub-key too");
 
+  MachineOptions captureMachine;
+  std::string captureDirectory;
+  CLI::App* captureCommand =
+      app.add_subcommand("capture", "Record a machine into a recorded machine's folder");
+  captureCommand->add_option("--out", captureDirectory, "The folder to write (new or empty)")
+      ->required();
+  auto* captureSource = captureCommand->add_option("--machine", captureMachine.directory,
+                                                   "A recorded machine's folder to read");
+  captureSource->check(CLI::ExistingDirectory);
+  captureCommand->add_flag("--live", captureMachine.live, "Record this Windows machine")
+      ->excludes(captureSource);
+
   // CLI11 would only say that a subcommand is required.
   if (argc > 1 && argv[1][0] != '-' && app.get_subcommands({}).size() > 0) {
     bool known = false;
     for (const CLI::App* command : app.get_subcommands({}))
       known = known || command->check_name(argv[1]);
     if (!known) {
-      err << "iac: unknown command '" << argv[1] << "' (commands: collect, classes, reg)\n";
+      err << "iac: unknown command '" << argv[1]
+          << "' (commands: collect, classes, reg, capture)\n";
       return 2;
     }
   }
@@ -236,6 +261,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   try {
     if (collectCommand->parsed()) return collect(collectOptions, out);
     if (classesCommand->parsed()) return listClasses(out);
+    if (captureCommand->parsed()) return capture(captureMachine, captureDirectory, out);
     if (queryCommand->parsed()) {
       return regQuery(regMachine, regKey, regSwitches, regRecursive, out, err);
     }
