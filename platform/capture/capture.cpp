@@ -1,5 +1,6 @@
 #include "platform/capture/capture.h"
 
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>

@@ -134,8 +134,8 @@ std::string Fixes(Machine& m) {
            {u"HotFixID", u"InstallDate", u"InstalledOn", u"Description"}) {
         platform::VARIANT value;
         w.VariantInit(&value);
-        out += " " + std::to_string(row->Get(property, 0, &value, nullptr, nullptr)) + ":" +
-               std::to_string(value.vt);
+        const platform::HRESULT got = row->Get(property, 0, &value, nullptr, nullptr);
+        out += " " + std::to_string(got) + ":" + std::to_string(value.vt);
         if (value.vt == platform::VT_BSTR)
           out += std::to_string(std::u16string(value.bstrVal).size());
         if (value.vt == platform::VT_DATE) out += std::to_string(value.date);
@@ -279,6 +279,17 @@ TEST(CaptureProbes, SeeTheFactsTheyCompare) {
   EXPECT_NE(ComponentsInf(*win7).find("ocgen.dll"), std::string::npos);
   EXPECT_EQ(FileVersion(*win7, "C:\\Windows\\System32\\Setup\\ocgen.dll").find("error"),
             std::string::npos);
+  // Hot-fix rows: a VT_BSTR HotFixID of 8 characters, and a VT_DATE InstallDate.
+  const std::string fixes = Fixes(*win7);
+  EXPECT_NE(fixes.find("connect 0 0:88"), std::string::npos) << fixes;  // HotFixID first
+  EXPECT_NE(fixes.find(" 0:740611"), std::string::npos) << fixes;
+  // A string that spans lines keeps its line break (this export has LF: "a").
+  const std::string comments = DumpKey(*xp, HKLM,
+                                       "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\"
+                                       "{0A0CADCF-78DA-33C4-A350-CD51849B9702}.KB2416472",
+                                       false);
+  EXPECT_NE(comments.find("Comments 1 "), std::string::npos) << comments;
+  EXPECT_NE(comments.find(",2e,a,49,"), std::string::npos) << comments;
 }
 
 TEST(CaptureRefusal, ExistingNonEmptyFolderIsABadArgument) {
