@@ -39,6 +39,28 @@ const std::string kPropCreationClassName = "CreationClassName";
 const std::string kPropName = "Name";
 const std::string kPropProductName = "ProductName";
 
+const std::string kPropSystemID = "SystemID";
+const std::string kPropCollectionID = "CollectionID";
+const std::string kPropProductIdentifyingNumber = "ProductIdentifyingNumber";
+const std::string kPropProductVersion = "ProductVersion";
+const std::string kPropProductInstallDate = "ProductInstallDate";
+const std::string kPropProductVendor = "ProductVendor";
+const std::string kPropInstalledBy = "InstalledBy";
+
+const std::string kUninstallPath = "SOFTWARE\\MICROSOFT\\WINDOWS\\CurrentVersion\\Uninstall";
+const std::string kUninstallPathWow64 =
+    "SOFTWARE\\WOW6432Node\\MICROSOFT\\WINDOWS\\CurrentVersion\\Uninstall";
+const std::string kInstallerProductsPath = "SOFTWARE\\Classes\\Installer\\Products";
+const std::string kHotFixPath = "SOFTWARE\\MICROSOFT\\WINDOWS NT\\CurrentVersion\\HotFix";
+const std::string kUpdatesPath = "SOFTWARE\\Microsoft\\Updates";
+const std::string kFixUninstallPath = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
+
+const std::string kAppsNoSubKeys =
+    "InstalledAppInfo::getInfo - Unable to enumerate the sub-keys of the desired key.";
+const std::string kAppsNoList =
+    "InstalledAppInfo::getInfo - Unable to build a list of installed applications.";
+const std::string kFixTryWmi = "WindowsFixInfo::getInfo(): try to get hot fixes from WMI.";
+
 const std::string kExcludeAppsVariable = "TESSIL_EXCLUDEAPPS";
 
 }  // namespace installedapps_col

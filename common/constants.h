@@ -47,6 +47,28 @@ extern const std::string kPropCreationClassName;
 extern const std::string kPropName;
 extern const std::string kPropProductName;
 
+// Installed products and fixes: property names.
+extern const std::string kPropSystemID;
+extern const std::string kPropCollectionID;
+extern const std::string kPropProductIdentifyingNumber;
+extern const std::string kPropProductVersion;
+extern const std::string kPropProductInstallDate;
+extern const std::string kPropProductVendor;
+extern const std::string kPropInstalledBy;
+
+// Installed products and fixes: registry paths (below HKEY_LOCAL_MACHINE).
+extern const std::string kUninstallPath;
+extern const std::string kUninstallPathWow64;
+extern const std::string kInstallerProductsPath;
+extern const std::string kHotFixPath;
+extern const std::string kUpdatesPath;
+extern const std::string kFixUninstallPath;
+
+// Installed products and fixes: messages.
+extern const std::string kAppsNoSubKeys;
+extern const std::string kAppsNoList;
+extern const std::string kFixTryWmi;
+
 // Configuration.
 extern const std::string kExcludeAppsVariable;
 

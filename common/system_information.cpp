@@ -4,6 +4,8 @@
 #include <memory>
 
 #include "collectors/os/page_file_info.h"
+#include "collectors/software/installed_app_info.h"
+#include "collectors/software/installed_fix_info.h"
 #include "common/constants.h"
 #include "platform/process.h"
 
@@ -11,14 +13,13 @@ namespace installedapps_col {
 namespace {
 
 // TESSIL_EXCLUDEAPPS configures the plug-in, so it is read from the process that runs it,
-// not from the machine being inventoried. Absent and empty read alike.
-std::string excludeAppsValue() {
+// not from the machine being inventoried. Absent and empty read alike; a value too long
+// for the buffer is a value all the same.
+bool excludeAppsSet() {
   const platform::DWORD size = 32767;
   std::unique_ptr<char[]> buffer(new char[size]);
-  const platform::DWORD length =
-      platform::ProcessEnvironmentVariableA(kExcludeAppsVariable.c_str(), buffer.get(), size);
-  if (length == 0 || length >= size) return std::string();
-  return std::string(buffer.get(), length);
+  return platform::ProcessEnvironmentVariableA(kExcludeAppsVariable.c_str(), buffer.get(), size) !=
+         0;
 }
 
 }  // namespace
@@ -26,7 +27,11 @@ std::string excludeAppsValue() {
 SystemInformation::SystemInformation(boost::shared_ptr<NKestovaTessil20::ICIMNamespace> ns)
     : m_log(LogMessage::instance()), m_namespace(std::move(ns)) {
   // Presence with any content is the switch; the value itself means nothing.
-  m_installedApplicationsServed = excludeAppsValue().empty();
+  m_installedApplicationsServed = !excludeAppsSet();
+  if (m_installedApplicationsServed) {
+    m_classTable[kClassInstalledApplication] = &SystemInformation::createInstalledAppInfo;
+  }
+  m_classTable[kClassInstalledFix] = &SystemInformation::createInstalledFixInfo;
   m_classTable[kClassPageFile] = &SystemInformation::createPageFileInfo;
 }
 
@@ -60,6 +65,17 @@ std::uint64_t SystemInformation::collectClass(boost::shared_ptr<NKestovaTessil20
     m_log->logInfo(kExceptionCaught + kCollectingDataForClass + " " + name + " " + e.what());
   }
   return 0;
+}
+
+// These two hand out the collector through its base-class pointer.
+boost::shared_ptr<GetInfo> SystemInformation::createInstalledAppInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<GetInfo>(static_cast<GetInfo*>(new InstalledAppInfo(cls)));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createInstalledFixInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<GetInfo>(static_cast<GetInfo*>(new InstalledFixInfo(cls)));
 }
 
 boost::shared_ptr<GetInfo> SystemInformation::createPageFileInfo(

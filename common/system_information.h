@@ -32,6 +32,10 @@ class SystemInformation {
   using Factory = boost::shared_ptr<GetInfo> (SystemInformation::*)(
       boost::shared_ptr<NKestovaTessil20::ICIMClass>);
 
+  boost::shared_ptr<GetInfo> createInstalledAppInfo(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createInstalledFixInfo(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
   boost::shared_ptr<GetInfo> createPageFileInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
 
   std::map<std::string, Factory> m_classTable;

@@ -60,6 +60,9 @@ class System {
   virtual std::int64_t crtTime64() = 0;
   // False where _localtime64 answers null.
   virtual bool crtLocaltime64(std::int64_t seconds, std::tm* out) = 0;
+  // The C runtime's assertion reporter: reports a failed check and returns, so that the
+  // caller goes on (the host process is never ended for it).
+  virtual void crtAssert(const char* expression, const char* file, unsigned line) = 0;
 
   // Names, environment, text.
   virtual BOOL GetComputerNameA(char* buffer, DWORD* size) = 0;

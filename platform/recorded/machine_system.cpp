@@ -580,6 +580,10 @@ std::int64_t RecordedSystem::crtTime64() {
   return facts_.utcMillis ? *facts_.utcMillis / 1000 : -1;
 }
 
+void RecordedSystem::crtAssert(const char* expression, const char* file, unsigned line) {
+  assertions_.push_back(AssertionReport{expression ? expression : "", file ? file : "", line});
+}
+
 bool RecordedSystem::crtLocaltime64(std::int64_t seconds, std::tm* out) {
   if (!out || seconds < 0 || seconds > kMaxTime64) return false;
   bool dst = false;

@@ -68,6 +68,13 @@ struct SystemFacts {
   std::string windowsDirectory, systemDirectory;
 };
 
+// One report of the C runtime's assertion reporter.
+struct AssertionReport {
+  std::string expression;
+  std::string file;
+  unsigned line = 0;
+};
+
 // Reads the "system" block; texts become ANSI in `codePage`.
 SystemFacts ReadSystemFacts(const Field& system, UINT codePage);
 
@@ -106,6 +113,9 @@ class KPLATFORM_API RecordedSystem : public System {
   int crtDaylight() override;
   std::int64_t crtTime64() override;
   bool crtLocaltime64(std::int64_t seconds, std::tm* out) override;
+  // Kept in order, for the tools and tests that show them.
+  void crtAssert(const char* expression, const char* file, unsigned line) override;
+  const std::vector<AssertionReport>& assertions() const { return assertions_; }
 
   BOOL GetComputerNameA(char* buffer, DWORD* size) override;
   DWORD GetEnvironmentVariableA(const char* name, char* buffer, DWORD size) override;
@@ -144,6 +154,7 @@ class KPLATFORM_API RecordedSystem : public System {
   SystemFacts facts_;
   MachineState& state_;
   std::set<void*> localAllocations_;
+  std::vector<AssertionReport> assertions_;
 };
 
 }  // namespace platform::recorded

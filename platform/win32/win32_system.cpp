@@ -3,6 +3,7 @@
 #include "platform/system.h"
 #include "platform/win32/live_families.h"
 
+#include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <memory>
@@ -242,6 +243,18 @@ class LiveSystem final : public System {
   bool crtLocaltime64(std::int64_t seconds, std::tm* out) override {
     const __time64_t time = seconds;
     return ::_localtime64_s(out, &time) == 0;
+  }
+
+  // The runtime's own reporter ends the process after its report; a collector inside the
+  // host's process must not, so the same text goes to the standard error stream and to an
+  // attached debugger, and the caller goes on.
+  void crtAssert(const char* expression, const char* file, unsigned line) override {
+    char text[1024];
+    std::snprintf(text, sizeof text, "Assertion failed: %s, file %s, line %u\n",
+                  expression ? expression : "", file ? file : "", line);
+    std::fputs(text, stderr);
+    std::fflush(stderr);
+    ::OutputDebugStringA(text);
   }
 
   BOOL GetComputerNameA(char* buffer, DWORD* size) override {

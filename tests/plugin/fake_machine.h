@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/machine.h"
 #include "platform/recorded/recorded_machine.h"
@@ -80,6 +81,10 @@ class FakeSystem : public System {
   long crtTimezone() override { return timezoneSeconds; }
   int crtDaylight() override { return daylight; }
   std::int64_t crtTime64() override { return 1268654400; }
+  std::vector<std::string> assertions;  // "expression file:line"
+  void crtAssert(const char* expression, const char* file, unsigned line) override {
+    assertions.push_back(std::string(expression) + " " + file + ":" + std::to_string(line));
+  }
   // Local time as the runtime would give it for a zone without daylight saving.
   bool crtLocaltime64(std::int64_t seconds, std::tm* out) override {
     const std::int64_t local = seconds - timezoneSeconds;

@@ -1,0 +1,213 @@
+#include "registry/RegistryKeyEnum.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
+
+#include "platform/machine.h"
+
+namespace installedapps_col {
+namespace {
+
+using platform::BYTE;
+using platform::DWORD;
+using platform::HKEY;
+
+const char kSourceFile[] = "RegistryKeyEnum";
+const std::string kUninstall = "Uninstall";
+const std::string kDisplayVersion = "DisplayVersion";
+const std::string kVersionMajor = "VersionMajor";
+const std::string kVersionMinor = "VersionMinor";
+constexpr DWORD kExpandBufferSize = 255;
+
+// Asked anew on every open: the function is looked up at run time because Windows
+// versions before XP SP2 do not have it.
+bool RunsUnderWow64() {
+  platform::System& system = platform::Machine::Current().system();
+  platform::HMODULE kernel = system.GetModuleHandleA("kernel32");
+  if (kernel == nullptr || system.GetProcAddress(kernel, "IsWow64Process") == nullptr) {
+    return false;
+  }
+  platform::BOOL wow64 = platform::FALSE;
+  if (!system.IsWow64Process(system.GetCurrentProcess(), &wow64)) return false;
+  return wow64 != platform::FALSE;
+}
+
+// Fresh, uninitialised bytes for one registry read; null when the size cannot be had.
+std::unique_ptr<BYTE[]> ReadBuffer(DWORD size) {
+  return std::unique_ptr<BYTE[]>(new (std::nothrow) BYTE[size == 0 ? 1 : size]);
+}
+
+// The text of a string value: up to its NUL, or all of it when the data has none.
+std::string StringData(const BYTE* data, DWORD size) {
+  const char* text = reinterpret_cast<const char*>(data);
+  const void* nul = std::memchr(text, '\0', size);
+  return std::string(text, nul ? static_cast<const char*>(nul) - text : size);
+}
+
+std::string ExpandedString(const std::string& source) {
+  platform::System& system = platform::Machine::Current().system();
+  std::vector<char> buffer(kExpandBufferSize, '\0');
+  DWORD result = system.ExpandEnvironmentStringsA(source.c_str(), buffer.data(), kExpandBufferSize);
+  if (result > kExpandBufferSize) {
+    std::vector<char> larger;
+    try {
+      larger.assign(result, '\0');
+    } catch (const std::bad_alloc&) {
+      return source;
+    }
+    buffer.swap(larger);
+    result = system.ExpandEnvironmentStringsA(source.c_str(), buffer.data(),
+                                              static_cast<DWORD>(buffer.size()));
+  }
+  if (result == 0) return source;
+  return StringData(reinterpret_cast<const BYTE*>(buffer.data()),
+                    static_cast<DWORD>(buffer.size()));
+}
+
+// Each separating NUL becomes a blank; the search for the next one starts two bytes on,
+// and the last two bytes of the data are never touched, so a list ends where its double
+// NUL is.
+std::string JoinedStringList(const BYTE* data, DWORD size) {
+  std::string list(reinterpret_cast<const char*>(data), size);
+  const std::size_t end = size >= 2 ? size - 2 : 0;
+  std::size_t nul = list.find('\0');
+  while (nul != std::string::npos && nul < end) {
+    list[nul] = ' ';
+    nul = list.find('\0', nul + 2);
+  }
+  return list.substr(0, list.find('\0'));
+}
+
+// A DWORD is four little-endian bytes; shorter data gives the bytes it has, longer data
+// its first four.
+std::string DwordText(const BYTE* data, DWORD size) {
+  if (size == 0) return std::string();
+  std::uint32_t value = 0;
+  for (DWORD i = 0; i < size && i < 4; ++i) value |= static_cast<std::uint32_t>(data[i]) << (8 * i);
+  return std::to_string(value);
+}
+
+}  // namespace
+
+int OpenRegistryKey(HKEY& key, HKEY root, const std::string& path) {
+  platform::REGSAM access = platform::KEY_READ;
+  if (RunsUnderWow64() && path.find(kUninstall) == std::string::npos) {
+    access |= platform::KEY_WOW64_64KEY;
+  }
+  HKEY opened = nullptr;
+  const platform::LONG status =
+      platform::Machine::Current().registry().RegOpenKeyExA(root, path.c_str(), 0, access, &opened);
+  key = status == platform::ERROR_SUCCESS ? opened : nullptr;
+  return status == platform::ERROR_SUCCESS ? 0 : 1;
+}
+
+int CloseRegistryKey(HKEY& key) {
+  if (key == nullptr) return 1;
+  return platform::Machine::Current().registry().RegCloseKey(key) == platform::ERROR_SUCCESS ? 0
+                                                                                             : 1;
+}
+
+int QueryKeyInfo(HKEY key, DWORD& valueCount, DWORD& maxValueNameLength,
+                 DWORD& maxValueDataLength) {
+  platform::System& system = platform::Machine::Current().system();
+  if (key == nullptr) {
+    system.crtAssert("hKey != NULL", kSourceFile, 203);
+    return 1;
+  }
+  const platform::LONG apiRetCode = platform::Machine::Current().registry().RegQueryInfoKeyA(
+      key, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, &valueCount, &maxValueNameLength,
+      &maxValueDataLength, nullptr, nullptr);
+  if (apiRetCode != platform::ERROR_SUCCESS) {
+    system.crtAssert("apiRetCode == ERROR_SUCCESS", kSourceFile, 210);
+    return 1;
+  }
+  return 0;
+}
+
+RegistryValueSet EnumerateValues(HKEY key) {
+  RegistryValueSet values;
+  if (key == nullptr) return values;
+  DWORD count = 0, longestName = 0, longestData = 0;
+  QueryKeyInfo(key, count, longestName, longestData);
+  platform::Registry& registry = platform::Machine::Current().registry();
+  // The name buffer grows by one byte per index; harmless, and kept.
+  DWORD nameBufferSize = longestName;
+  for (DWORD index = 0; index < count; ++index) {
+    ++nameBufferSize;
+    std::unique_ptr<char[]> name(new (std::nothrow) char[nameBufferSize]);
+    std::unique_ptr<BYTE[]> data = ReadBuffer(longestData);
+    if (!name || !data) continue;
+    DWORD nameSize = nameBufferSize, dataSize = longestData, type = platform::REG_NONE;
+    const platform::LONG status = registry.RegEnumValueA(key, index, name.get(), &nameSize, nullptr,
+                                                         &type, data.get(), &dataSize);
+    if (status != platform::ERROR_SUCCESS || nameSize == 0 || name[0] == '\0') continue;
+    if (dataSize > longestData) dataSize = longestData;
+    const std::string text = RegistryDataToString(data.get(), type, dataSize);
+    if (!text.empty()) {
+      values.emplace(std::string(name.get(), strnlen(name.get(), nameBufferSize)), text);
+    }
+  }
+  return values;
+}
+
+int ReadRegistryValue(HKEY key, const std::string& valueName, std::string& text, DWORD bufferSize) {
+  std::unique_ptr<BYTE[]> data = ReadBuffer(bufferSize);
+  if (!data) return 1;
+  DWORD size = bufferSize, type = platform::REG_NONE;
+  const platform::LONG status = platform::Machine::Current().registry().RegQueryValueExA(
+      key, valueName.c_str(), nullptr, &type, data.get(), &size);
+  if (status != platform::ERROR_SUCCESS) return 1;
+  if (size > bufferSize) size = bufferSize;
+  text = RegistryDataToString(data.get(), type, size);
+  return 0;
+}
+
+RegistryValueSet ReadKeyValues(const std::string& path) {
+  HKEY key = nullptr;
+  OpenRegistryKey(key, platform::HKEY_LOCAL_MACHINE, path);
+  RegistryValueSet values = EnumerateValues(key);
+  CloseRegistryKey(key);
+  return values;
+}
+
+RegistryValueSet ReadSelectedValues(const std::string& path, const ValueNameTable& table) {
+  RegistryValueSet values;
+  HKEY key = nullptr;
+  if (OpenRegistryKey(key, platform::HKEY_LOCAL_MACHINE, path) != 0) return values;
+  DWORD count = 0, longestName = 0, longestData = 0;
+  QueryKeyInfo(key, count, longestName, longestData);
+  for (const auto& row : table) {
+    std::string text;
+    if (ReadRegistryValue(key, row.second, text, longestData) == 0 && !text.empty()) {
+      values.emplace(row.first, text);
+      continue;
+    }
+    if (row.second != kDisplayVersion) continue;
+    std::string major, minor;
+    ReadRegistryValue(key, kVersionMajor, major, longestData);
+    ReadRegistryValue(key, kVersionMinor, minor, longestData);
+    if (!major.empty()) values.emplace(row.first, major + "." + minor);
+  }
+  CloseRegistryKey(key);
+  return values;
+}
+
+std::string RegistryDataToString(const BYTE* data, DWORD type, DWORD size) {
+  if (data == nullptr) return std::string();
+  switch (type) {
+    case platform::REG_SZ:
+      return StringData(data, size);
+    case platform::REG_EXPAND_SZ:
+      return ExpandedString(StringData(data, size));
+    case platform::REG_DWORD:
+      return DwordText(data, size);
+    case platform::REG_MULTI_SZ:
+      return JoinedStringList(data, size);
+    default:
+      return std::string();
+  }
+}
+
+}  // namespace installedapps_col
