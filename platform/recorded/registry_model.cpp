@@ -1,6 +1,9 @@
 // In-memory registry keys and values.
 #include "platform/recorded/registry_model.h"
 
+#include <algorithm>
+#include <numeric>
+
 #include "platform/recorded/record_error.h"
 
 namespace platform {
@@ -69,6 +72,7 @@ T* RegKey::NamedList<T>::find(const std::u16string& name) const {
 template <typename T>
 void RegKey::NamedList<T>::add(std::unique_ptr<T> item) {
   items.push_back(std::move(item));
+  added = true;
   if (!index.empty()) {
     index.emplace(FoldName(NameOf(*items.back())), items.size() - 1);
   } else if (items.size() > kIndexThreshold) {
@@ -98,17 +102,39 @@ void RegKey::NamedList<T>::remove(const std::u16string& name) {
 }
 
 template <typename T>
-void RegKey::NamedList<T>::compact() {
-  if (!holes) return;
-  size_t kept = 0;
-  for (auto& item : items) {
-    if (item) items[kept++] = std::move(item);
+void RegKey::NamedList<T>::compact(bool sortByName) {
+  const bool sort = sortByName && added;
+  added = false;
+  if (!holes && !sort) return;
+  bool moved = holes;
+  if (holes) {
+    size_t kept = 0;
+    for (auto& item : items) {
+      if (item) items[kept++] = std::move(item);
+    }
+    items.resize(kept);
+    holes = false;
   }
-  items.resize(kept);
-  holes = false;
-  if (!index.empty()) {
+  if (!sort && index.empty()) return;
+
+  std::vector<std::u16string> folded(items.size());
+  for (size_t i = 0; i < items.size(); ++i) folded[i] = FoldName(NameOf(*items[i]));
+  std::vector<size_t> order(items.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  // Windows' hive index orders sub-keys by their upper-cased UTF-16 units. Folded names
+  // are unique within a key, so stability only keeps the sort predictable.
+  if (sort && !std::is_sorted(folded.begin(), folded.end())) {
+    std::stable_sort(order.begin(), order.end(),
+                     [&folded](size_t a, size_t b) { return folded[a] < folded[b]; });
+    std::vector<std::unique_ptr<T>> sorted;
+    sorted.reserve(items.size());
+    for (size_t i : order) sorted.push_back(std::move(items[i]));
+    items = std::move(sorted);
+    moved = true;
+  }
+  if (moved && !index.empty()) {
     index.clear();
-    for (size_t i = 0; i < items.size(); ++i) index.emplace(FoldName(NameOf(*items[i])), i);
+    for (size_t i = 0; i < order.size(); ++i) index.emplace(std::move(folded[order[i]]), i);
   }
 }
 
@@ -150,8 +176,8 @@ void RegKey::removeValue(const std::u16string& name) {
 }
 
 void RegKey::compact() {
-  subKeys_.compact();
-  values_.compact();
+  subKeys_.compact(true);
+  values_.compact(false);  // Windows keeps values in the order they were written
   for (auto& key : subKeys_.items) key->compact();
 }
 

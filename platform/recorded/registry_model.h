@@ -1,6 +1,6 @@
 // A registry held in memory: keys with case-insensitive, case-preserving names, sub-keys
-// and values in the order they were added (as regedit exports and hives list them), value
-// data as the raw bytes Windows stores (strings in UTF-16LE).
+// in the order Windows enumerates them (by upper-cased name), values in the order they
+// were written, value data as the raw bytes Windows stores (strings in UTF-16LE).
 #pragma once
 
 #include <cstdint>
@@ -43,7 +43,8 @@ class KPLATFORM_API RegKey {
   std::uint64_t lastWriteTime() const { return lastWriteTime_; }
   void setLastWriteTime(std::uint64_t time) { lastWriteTime_ = time; }
 
-  // Index access is valid once compact() has run after the last removal.
+  // Index access is valid once compact() has run after the last addition or removal;
+  // until then sub-keys come in the order they were added.
   size_t subKeyCount() const { return subKeys_.items.size(); }
   const RegKey& subKey(size_t index) const { return *subKeys_.items[index]; }
   const RegKey* findSubKey(const std::u16string& name) const;
@@ -57,22 +58,25 @@ class KPLATFORM_API RegKey {
   void setValue(RegValue value);  // replaces a value of the same name in place
   void removeValue(const std::u16string& name);
 
-  // Drops the holes that removals leave, in this key and every key below.
+  // Drops the holes that removals leave and puts sub-keys added since the last call in
+  // Windows' order, in this key and every key below. Call it once loading is done.
   void compact();
 
  private:
   // Items in order, with a name index built once a list grows past a few entries, so
   // lookups stay cheap in keys with thousands of children. Removal leaves a null hole
-  // until compact(), so a long run of removals is not quadratic.
+  // until compact(), so a long run of removals is not quadratic; additions are sorted
+  // there too (when asked), once, rather than kept in place one insertion at a time.
   template <typename T>
   struct NamedList {
     std::vector<std::unique_ptr<T>> items;
     std::unordered_map<std::u16string, size_t> index;
     bool holes = false;
+    bool added = false;  // since the last compact()
     T* find(const std::u16string& name) const;
     void add(std::unique_ptr<T> item);
     void remove(const std::u16string& name);
-    void compact();
+    void compact(bool sortByName);
   };
 
   std::u16string name_;

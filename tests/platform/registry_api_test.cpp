@@ -1,8 +1,11 @@
 // The narrow registry calls of a recorded machine, pinned to what Windows answers.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_registry.h"
@@ -68,6 +71,26 @@ HKEY Open(RecordedRegistry& reg, const char* path, REGSAM sam = KEY_READ) {
   HKEY key = nullptr;
   EXPECT_EQ(reg.RegOpenKeyExA(HKEY_LOCAL_MACHINE, path, 0, sam, &key), ERROR_SUCCESS) << path;
   return key;
+}
+
+// What RegEnumKeyExA (or RegEnumValueA) lists under HKLM\`path`, in order.
+std::vector<std::string> Enumerate(RecordedRegistry& reg, const std::string& path, bool values) {
+  HKEY key = nullptr;
+  std::vector<std::string> names;
+  if (reg.RegOpenKeyExA(HKEY_LOCAL_MACHINE, path.c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
+    return {"<cannot open>"};
+  }
+  for (DWORD i = 0;; ++i) {
+    char name[256];
+    DWORD length = sizeof name;
+    const LONG rc =
+        values ? reg.RegEnumValueA(key, i, name, &length, nullptr, nullptr, nullptr, nullptr)
+               : reg.RegEnumKeyExA(key, i, name, &length, nullptr, nullptr, nullptr, nullptr);
+    if (rc != ERROR_SUCCESS) break;
+    names.emplace_back(name, length);
+  }
+  reg.RegCloseKey(key);
+  return names;
 }
 
 std::string ReadString(RecordedRegistry& reg, HKEY key, const char* name) {
@@ -387,11 +410,11 @@ TEST(RegistryEnumKey, OrderAndNameBuffer) {
     DWORD length;
     const char* name;
   } cases[] = {
-      {0, 64, ERROR_SUCCESS, 5, "App64"},
-      {1, 64, ERROR_SUCCESS, 3, "Zed"},  // as recorded, not sorted
-      {2, 6, ERROR_SUCCESS, 5, "Alpha"},
-      {2, 5, ERROR_MORE_DATA, 5, nullptr},  // no room for the NUL; length left alone
-      {2, 1, ERROR_MORE_DATA, 1, nullptr},
+      {0, 64, ERROR_SUCCESS, 5, "Alpha"},  // recorded as App64, Zed, Alpha
+      {1, 6, ERROR_SUCCESS, 5, "App64"},
+      {1, 5, ERROR_MORE_DATA, 5, nullptr},  // no room for the NUL; length left alone
+      {1, 1, ERROR_MORE_DATA, 1, nullptr},
+      {2, 64, ERROR_SUCCESS, 3, "Zed"},
       {3, 64, ERROR_NO_MORE_ITEMS, 64, nullptr},
   };
   for (const auto& c : cases) {
@@ -409,6 +432,74 @@ TEST(RegistryEnumKey, OrderAndNameBuffer) {
     }
   }
   reg->RegCloseKey(key);
+}
+
+// Key lines for sub-keys of HKLM\SOFTWARE\T, in the order given; "-name" removes one.
+std::string SubKeysOfT(const std::vector<std::string>& names) {
+  std::string text = "Windows Registry Editor Version 5.00\r\n\r\n";
+  for (const std::string& name : names) {
+    const bool remove = name[0] == '-';
+    text += std::string(remove ? "[-" : "[") + "HKEY_LOCAL_MACHINE\\SOFTWARE\\T\\" +
+            name.substr(remove ? 1 : 0) + "]\r\n";
+  }
+  return text;
+}
+
+// Windows lists sub-keys by their upper-cased names (so "_x" after "Z", "é" after "Ä"),
+// however the export ordered them; values stay as written.
+TEST(RegistryEnumKey, SubKeysInWindowsOrderValuesAsWritten) {
+  const std::string values =
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\T]\r\n\"zeta\"=\"1\"\r\n\"Alpha\"=\"2\"\r\n\"_m\"=\"3\"\r\n"
+      "@=\"4\"\r\n";
+  const struct {
+    const char* what;
+    std::vector<std::string> exports;  // UTF-8, loaded in turn
+    std::vector<std::string> subKeys;  // CP1252, as RegEnumKeyExA answers
+    std::vector<std::string> values;
+  } cases[] = {
+      {"one export",
+       {SubKeysOfT({"b", "A", "_x", "\xC3\xA9", "a1", "Z", "\xC3\x9F", "\xC3\xBF", "\xC3\x84"}) +
+        values},
+       {"A", "a1", "b", "Z", "_x", "\xC4", "\xE9", "\xDF", "\xFF"},
+       {"zeta", "Alpha", "_m", ""}},
+      {"a later export merges into a sorted key",
+       {SubKeysOfT({"m", "C"}), SubKeysOfT({"a", "D", "c", "-M", "B"})},
+       {"a", "B", "C", "D"},
+       {}},
+      {"parents made on the way", {SubKeysOfT({"z\\y", "y"})}, {"y", "z"}, {}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    RecordedRegistry reg;
+    for (const std::string& text : c.exports) reg.loadRegFile("t.reg", text);
+    EXPECT_EQ(Enumerate(reg, "SOFTWARE\\T", false), c.subKeys);
+    EXPECT_EQ(Enumerate(reg, "SOFTWARE\\T", true), c.values);
+  }
+}
+
+// Keys with many children are found through a name index; sorting must keep it right.
+// Each kNN holds one sub-key of-kNN, so a lookup that lands on the wrong key shows.
+TEST(RegistryEnumKey, SortedKeysAreStillFoundByName) {
+  std::vector<std::string> written;
+  for (int i = 39; i >= 0; --i) {
+    const std::string name = (i < 10 ? "k0" : "k") + std::to_string(i);
+    written.push_back(name + "\\of-" + name);
+  }
+  RecordedRegistry reg;
+  reg.loadRegFile("first.reg", SubKeysOfT(written));
+  reg.loadRegFile("second.reg", SubKeysOfT({"-k10", "j\\of-j"}));
+  const std::vector<std::string> names = Enumerate(reg, "SOFTWARE\\T", false);
+  ASSERT_EQ(names.size(), 40u);
+  EXPECT_EQ(names.front(), "j");
+  EXPECT_EQ(names[10], "k09");
+  EXPECT_EQ(names[11], "k11");
+  EXPECT_EQ(names.back(), "k39");
+  for (const std::string& name : names) {
+    std::string upper = name;
+    for (char& ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    EXPECT_EQ(Enumerate(reg, "SOFTWARE\\T\\" + upper, false),
+              std::vector<std::string>{"of-" + name});
+  }
 }
 
 // Lengths as Windows reports them to narrow callers too: UTF-16 characters for names,

@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_registry.h"
@@ -116,6 +118,40 @@ TEST_F(RegistryHive, UserUninstallEntriesEnumerate) {
   }
   EXPECT_EQ(count, 6u);
   reg.RegCloseKey(key);
+}
+
+// A hive already lists sub-keys in Windows' order ("LyncAddin" before "Lync_Secondary":
+// upper-cased, '_' sorts after letters); keys merged from an export join that order.
+TEST_F(RegistryHive, SubKeysKeepTheHivesOrder) {
+  const char* const path = "Software\\Microsoft\\Tracing\\UcClient";
+  const struct {
+    const char* merge;  // an export loaded after the hive, or null
+    std::vector<std::string> expected;
+  } cases[] = {
+      {nullptr, {"Lync", "LyncAddin", "Lync_Secondary"}},
+      {"Windows Registry Editor Version 5.00\r\n\r\n"
+       "[HKEY_CURRENT_USER\\Software\\Microsoft\\Tracing\\UcClient\\Lync_Primary]\r\n"
+       "[HKEY_CURRENT_USER\\Software\\Microsoft\\Tracing\\UcClient\\lyncz]\r\n",
+       {"Lync", "LyncAddin", "lyncz", "Lync_Primary", "Lync_Secondary"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.merge ? "merged" : "hive alone");
+    RecordedRegistry reg;
+    reg.loadHive(HiveDir() + "/win10-NTUSER-apps.DAT", Mount::NtUser);
+    if (c.merge) reg.loadRegFile("merge.reg", c.merge);
+    HKEY key = nullptr;
+    ASSERT_EQ(reg.RegOpenKeyExA(HKEY_CURRENT_USER, path, 0, KEY_READ, &key), ERROR_SUCCESS);
+    std::vector<std::string> names;
+    char name[256];
+    for (DWORD length = sizeof name;
+         reg.RegEnumKeyExA(key, static_cast<DWORD>(names.size()), name, &length, nullptr, nullptr,
+                           nullptr, nullptr) == ERROR_SUCCESS;
+         length = sizeof name) {
+      names.emplace_back(name, length);
+    }
+    EXPECT_EQ(names, c.expected);
+    reg.RegCloseKey(key);
+  }
 }
 
 TEST_F(RegistryHive, LargestHiveLoadsWhole) {
