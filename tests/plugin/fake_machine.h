@@ -58,7 +58,17 @@ class FakeSystem : public System {
   DWORDLONG VerSetConditionMask(DWORDLONG mask, DWORD, BYTE) override { return mask; }
   BOOL GetProductInfo(DWORD, DWORD, DWORD, DWORD, DWORD*) override { return FALSE; }
   HANDLE GetCurrentProcess() override { return nullptr; }
-  BOOL IsWow64Process(HANDLE, BOOL*) override { return FALSE; }
+  // Unset: the call answers FALSE with the process not under WOW64.
+  std::function<BOOL(BOOL*)> isWow64;
+  int isWow64Calls = 0;
+  BOOL IsWow64Process(HANDLE, BOOL* wow64) override {
+    ++isWow64Calls;
+    if (!isWow64) {
+      *wow64 = FALSE;
+      return FALSE;
+    }
+    return isWow64(wow64);
+  }
   void GetSystemInfo(SYSTEM_INFO* info) override {
     *info = SYSTEM_INFO{};
     info->dwPageSize = pageSize;
@@ -116,7 +126,13 @@ class FakeSystem : public System {
   }
   DWORD GetEnvironmentVariableA(const char*, char*, DWORD) override { return 0; }
   const char* getenv(const char*) override { return nullptr; }
-  DWORD ExpandEnvironmentStringsA(const char*, char*, DWORD) override { return 0; }
+  // Unset: the call fails.
+  std::function<DWORD(const char*, char*, DWORD)> expand;
+  std::vector<DWORD> expandSizes;  // the buffer size of each call
+  DWORD ExpandEnvironmentStringsA(const char* source, char* destination, DWORD size) override {
+    expandSizes.push_back(size);
+    return expand ? expand(source, destination, size) : 0;
+  }
   DWORD FormatMessageA(DWORD, const void*, DWORD, DWORD, char*, DWORD, void*) override { return 0; }
   void* LocalFree(void*) override { return nullptr; }
   // Latin-1 both ways: enough for page-file names.
@@ -150,22 +166,22 @@ class FakeSystem : public System {
     lastError = ERROR_MOD_NOT_FOUND;
     return nullptr;
   }
-  const std::pair<std::string, int> modules_[2] = {{"psapi.dll", 1}, {"ntdll.dll", 2}};
+  const std::pair<std::string, int> modules_[3] = {
+      {"psapi.dll", 1}, {"ntdll.dll", 2}, {"kernel32", 3}};
 };
 
-// The fake System beside an empty recorded machine's other families.
+// The fake System beside another machine's other families: by default an empty recorded
+// machine's, or those of the machine a test puts in `backing`.
 class FakeMachine : public Machine {
  public:
   FakeSystem fake;
-  Registry& registry() override { return empty_->registry(); }
+  std::shared_ptr<Machine> backing = recorded::RecordedMachine::Empty();
+  Registry& registry() override { return backing->registry(); }
   System& system() override { return fake; }
-  Pdh& pdh() override { return empty_->pdh(); }
-  NetApi& net() override { return empty_->net(); }
-  Wmi& wmi() override { return empty_->wmi(); }
-  Setup& setup() override { return empty_->setup(); }
-
- private:
-  std::shared_ptr<Machine> empty_ = recorded::RecordedMachine::Empty();
+  Pdh& pdh() override { return backing->pdh(); }
+  NetApi& net() override { return backing->net(); }
+  Wmi& wmi() override { return backing->wmi(); }
+  Setup& setup() override { return backing->setup(); }
 };
 
 }  // namespace testing_machine
