@@ -1,4 +1,5 @@
 // The plug-in's face toward the host: identity, life cycle, logging gate and dispatch.
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 
@@ -119,11 +120,17 @@ TEST_P(ExcludeAppsTest, PresenceWithContentLeavesInstalledApplicationsOut) {
   }
   SystemInformation information(host().GetNamespace());
   EXPECT_EQ(information.servesInstalledApplications(), c.served);
+  const std::vector<std::string> served = information.classNames();
+  EXPECT_EQ(std::count(served.begin(), served.end(), "KestovaSG_InstalledApplication"),
+            c.served ? 1 : 0);
   ::unsetenv("TESSIL_EXCLUDEAPPS");
 }
 
+const std::string kLongValue(32767, 'x');  // too long for the plug-in's buffer, still a value
+
 INSTANTIATE_TEST_SUITE_P(Values, ExcludeAppsTest,
                          ::testing::Values(ExcludeCase{nullptr, true}, ExcludeCase{"", true},
-                                           ExcludeCase{"0", false}, ExcludeCase{"no", false}));
+                                           ExcludeCase{"0", false}, ExcludeCase{"no", false},
+                                           ExcludeCase{kLongValue.c_str(), false}));
 
 }  // namespace
