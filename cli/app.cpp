@@ -154,8 +154,8 @@ int listClasses(std::ostream& out) {
 }
 
 int regQuery(const MachineOptions& machine, const std::string& key,
-             const std::vector<std::string>& switches, bool recursive, std::ostream& out,
-             std::ostream& err) {
+             const std::vector<std::string>& switches, bool recursive, const std::string& view,
+             std::ostream& out, std::ostream& err) {
   for (const std::string& option : switches) {
     if (option == "/s" || option == "/S") {
       recursive = true;
@@ -164,10 +164,14 @@ int regQuery(const MachineOptions& machine, const std::string& key,
       return 2;
     }
   }
+  // As reg query's /reg:64 and /reg:32; without it, the view of the process iac stands for.
+  const platform::REGSAM viewFlag = view == "64"   ? platform::KEY_WOW64_64KEY
+                                    : view == "32" ? platform::KEY_WOW64_32KEY
+                                                   : 0;
   installMachine(machine);
   std::ostringstream text;
   const int status = RunRegQuery(platform::Machine::Current().registry(), key, recursive, text, err,
-                                 platform::Machine::Current().system().GetACP());
+                                 platform::Machine::Current().system().GetACP(), viewFlag);
   out << text.str();
   return status;
 }
@@ -215,6 +219,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   std::string regKey;
   std::vector<std::string> regSwitches;
   bool regRecursive = false;
+  std::string regView;
   CLI::App* regCommand = app.add_subcommand("reg", "Look at a recorded machine's registry");
   regCommand->require_subcommand(1);
   CLI::App* queryCommand =
@@ -224,6 +229,10 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   queryCommand->add_option("key", regKey, "A key such as HKLM\\SOFTWARE\\Microsoft")->required();
   queryCommand->add_option("switches", regSwitches, "/s: every sub-key too");
   queryCommand->add_flag("-s,--recursive", regRecursive, "Every sub-key too");
+  queryCommand
+      ->add_option("--view", regView,
+                   "64 or 32: read that registry view (default: the process's own)")
+      ->check(CLI::IsMember({"64", "32"}));
 
   MachineOptions captureMachine;
   std::string captureDirectory;
@@ -263,7 +272,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
     if (classesCommand->parsed()) return listClasses(out);
     if (captureCommand->parsed()) return capture(captureMachine, captureDirectory, out);
     if (queryCommand->parsed()) {
-      return regQuery(regMachine, regKey, regSwitches, regRecursive, out, err);
+      return regQuery(regMachine, regKey, regSwitches, regRecursive, regView, out, err);
     }
   } catch (const UsageError& e) {
     err << "iac: " << e.what() << "\n";

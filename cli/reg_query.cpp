@@ -50,8 +50,8 @@ const char* TypeName(DWORD type) {
 
 class Query {
  public:
-  Query(platform::Registry& reg, std::ostream& out, unsigned codePage)
-      : reg_(reg), out_(out), codePage_(codePage) {}
+  Query(platform::Registry& reg, std::ostream& out, unsigned codePage, platform::REGSAM access)
+      : reg_(reg), out_(out), codePage_(codePage), access_(access) {}
 
   std::string utf8(const std::string& ansi) const {
     return WideToUtf8(AnsiToWide(ansi, codePage_));
@@ -146,8 +146,8 @@ class Query {
       const std::string subPath = path + "\\" + utf8(std::string(subName.data(), length));
       if (recursive) {
         HKEY sub = nullptr;
-        if (reg_.RegOpenKeyExA(key, subName.data(), 0, platform::KEY_READ, &sub) ==
-            platform::ERROR_SUCCESS) {
+        // A sub-key opened without the view flag would fall back to the process's view.
+        if (reg_.RegOpenKeyExA(key, subName.data(), 0, access_, &sub) == platform::ERROR_SUCCESS) {
           this->key(sub, subPath, true);
           reg_.RegCloseKey(sub);
         }
@@ -163,12 +163,13 @@ class Query {
   platform::Registry& reg_;
   std::ostream& out_;
   unsigned codePage_;
+  platform::REGSAM access_;
 };
 
 }  // namespace
 
 int RunRegQuery(platform::Registry& reg, const std::string& keyPath, bool recursive,
-                std::ostream& out, std::ostream& err, unsigned codePage) {
+                std::ostream& out, std::ostream& err, unsigned codePage, platform::REGSAM view) {
   const Root roots[] = {
       {"HKLM", "HKEY_LOCAL_MACHINE", platform::HKEY_LOCAL_MACHINE},
       {"HKCU", "HKEY_CURRENT_USER", platform::HKEY_CURRENT_USER},
@@ -197,13 +198,13 @@ int RunRegQuery(platform::Registry& reg, const std::string& keyPath, bool recurs
   } catch (const std::invalid_argument&) {
     ansi = rest;
   }
-  if (reg.RegOpenKeyExA(root->key, ansi.c_str(), 0, platform::KEY_READ, &key) !=
-      platform::ERROR_SUCCESS) {
+  const platform::REGSAM access = platform::KEY_READ | view;
+  if (reg.RegOpenKeyExA(root->key, ansi.c_str(), 0, access, &key) != platform::ERROR_SUCCESS) {
     err << kNotFound << "\n";
     return 1;
   }
   out << "\n";
-  Query(reg, out, codePage)
+  Query(reg, out, codePage, access)
       .key(key, rest.empty() ? root->longName : root->longName + ("\\" + rest), recursive);
   reg.RegCloseKey(key);
   return 0;

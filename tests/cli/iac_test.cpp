@@ -169,6 +169,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, IacBadInputTest,
                                                     "/nonexistent/plugin.so"},
                                            BadInput{"frobnicate", 2, "frobnicate"},
                                            BadInput{"collect --live", 2, "--live needs Windows"},
+                                           BadInput{"reg query --view 16 HKLM", 2, "--view"},
                                            BadInput{"", 2, "subcommand"}));
 
 TEST_F(IacTest, BrokenMachineIsRefusedNamingTheFile) {
@@ -209,6 +210,42 @@ TEST_F(IacTest, RegQueryOfARealHiveThroughCurrentControlSet) {
   std::istringstream lines(run.out);
   for (std::string line; std::getline(lines, line);) values += line.rfind("    ", 0) == 0;
   EXPECT_EQ(values, 17) << run.out;
+}
+
+// A machine whose process is 32-bit under WOW64: the plain Uninstall path shows the
+// Wow6432Node entries unless --view 64 asks for the 64-bit ones.
+TEST_F(IacTest, RegQueryViews) {
+  fs::create_directories(scratch / "machine" / "registry");
+  std::ofstream(scratch / "machine" / "machine.json") << R"({"system": {"isWow64Process": true}})";
+  std::ofstream(scratch / "machine" / "registry" / "uninstall.reg")
+      << "Windows Registry Editor Version 5.00\r\n"
+         "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\App64]\r\n"
+         "\"DisplayName\"=\"Sixty-four\"\r\n"
+         "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\"
+         "Uninstall\\App32]\r\n"
+         "\"DisplayName\"=\"Thirty-two\"\r\n";
+  const std::string uninstall =
+      "HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
+  const std::string app32 = uninstall + "\\App32\n    DisplayName    REG_SZ    Thirty-two\n\n";
+  const std::string app64 = uninstall + "\\App64\n    DisplayName    REG_SZ    Sixty-four\n\n";
+  const struct {
+    const char* options;
+    std::string expected;
+  } cases[] = {
+      {"", "\n" + uninstall + "\n" + uninstall + "\\App32\n\n"},
+      {"/s", "\n" + uninstall + "\n\n" + app32},
+      {"--view 32 /s", "\n" + uninstall + "\n\n" + app32},
+      {"--view 64", "\n" + uninstall + "\n" + uninstall + "\\App64\n\n"},
+      {"/s --view=64", "\n" + uninstall + "\n\n" + app64},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.options);
+    const IacRun run =
+        iac("reg query --machine " + (scratch / "machine").string() +
+            " \"HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\" " + c.options);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, c.expected);
+  }
 }
 
 TEST_F(IacTest, RegQueryOfAMissingKeyFails) {

@@ -6,6 +6,7 @@
 
 #include "cli/reg_query.h"
 #include "platform/recorded/recorded_registry.h"
+#include "platform/types.h"
 
 namespace {
 
@@ -92,4 +93,50 @@ TEST(RegQuery, MissingKeyOrRoot) {
     EXPECT_EQ(err.str(), c.message);
     EXPECT_EQ(out.str(), "");
   }
+}
+
+// A 32-bit reader under WOW64 sees HKLM\SOFTWARE\Wow6432Node by default; a view asked for
+// holds for every key printed, sub-keys of /s included.
+TEST(RegQuery, ViewsOfA32BitProcess) {
+  platform::recorded::RecordedRegistry reg;
+  reg.setProcessIs32Bit(true);
+  reg.loadRegFile("views.reg",
+                  "Windows Registry Editor Version 5.00\n"
+                  "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor\\Tool]\n"
+                  "\"Bits\"=\"64\"\n"
+                  "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor\\Tool\\Plugin64]\n"
+                  "\"Bits\"=\"64\"\n"
+                  "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Vendor\\Tool]\n"
+                  "\"Bits\"=\"32\"\n"
+                  "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Wow6432Node\\Vendor\\Tool\\Plugin32]\n"
+                  "\"Bits\"=\"32\"\n");
+  const std::string top = "\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor\\Tool\n";
+  const struct {
+    platform::REGSAM view;
+    bool recursive;
+    std::string expected;
+  } cases[] = {
+      {0, false,
+       top +
+           "    Bits    REG_SZ    32\n\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor\\Tool\\Plugin32\n\n"},
+      {platform::KEY_WOW64_32KEY, true,
+       top + "    Bits    REG_SZ    32\n\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor\\Tool\\Plugin32\n"
+             "    Bits    REG_SZ    32\n\n"},
+      {platform::KEY_WOW64_64KEY, false,
+       top +
+           "    Bits    REG_SZ    64\n\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor\\Tool\\Plugin64\n\n"},
+      {platform::KEY_WOW64_64KEY, true,
+       top + "    Bits    REG_SZ    64\n\nHKEY_LOCAL_MACHINE\\SOFTWARE\\Vendor\\Tool\\Plugin64\n"
+             "    Bits    REG_SZ    64\n\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE("view " + std::to_string(c.view) + (c.recursive ? " /s" : ""));
+    std::ostringstream out, err;
+    EXPECT_EQ(
+        iac::RunRegQuery(reg, "HKLM\\SOFTWARE\\Vendor\\Tool", c.recursive, out, err, 1252, c.view),
+        0);
+    EXPECT_EQ(out.str(), c.expected);
+    EXPECT_EQ(err.str(), "");
+  }
+  EXPECT_EQ(reg.openHandleCount(), 0u);
 }
