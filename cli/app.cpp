@@ -14,6 +14,7 @@
 #include "platform/capture/capture.h"
 #include "platform/machine.h"
 #include "platform/process.h"
+#include "platform/recorded/machine_system.h"
 #include "platform/recorded/recorded_machine.h"
 #include "tessilcore/host.h"
 
@@ -75,7 +76,19 @@ std::string describeError(const std::exception& e) {
   return e.what();
 }
 
-int collect(const CollectOptions& options, std::ostream& out) {
+// The C runtime's assertion reports of a recorded machine, in the words Windows' runtime
+// writes them to the standard error stream.
+void reportAssertions(std::ostream& err) {
+  const auto* recorded = dynamic_cast<const platform::recorded::RecordedSystem*>(
+      &platform::Machine::Current().system());
+  if (recorded == nullptr) return;
+  for (const platform::recorded::AssertionReport& report : recorded->assertions()) {
+    err << "Assertion failed: " << report.expression << ", file " << report.file << ", line "
+        << report.line << "\n";
+  }
+}
+
+int collect(const CollectOptions& options, std::ostream& out, std::ostream& err) {
   Format format = Format::kTable;
   parseFormat(options.format, format);
   installMachine(options.machine);
@@ -116,6 +129,7 @@ int collect(const CollectOptions& options, std::ostream& out) {
     }
   }
   out << rendered;
+  reportAssertions(err);
   host.UnloadPlugins();
   return 0;
 }
@@ -268,7 +282,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   }
 
   try {
-    if (collectCommand->parsed()) return collect(collectOptions, out);
+    if (collectCommand->parsed()) return collect(collectOptions, out, err);
     if (classesCommand->parsed()) return listClasses(out);
     if (captureCommand->parsed()) return capture(captureMachine, captureDirectory, out);
     if (queryCommand->parsed()) {
