@@ -4,10 +4,8 @@
 #include <map>
 #include <string>
 
-#include "platform/machine.h"
+#include "bench/host_query.h"
 #include "platform/recorded/recorded_machine.h"
-#include "plugin/callbacks.h"
-#include "tessilcore/host.h"
 
 namespace default_machine {
 const std::map<std::string, std::string>& files();
@@ -25,17 +23,9 @@ void LoadDefaultMachine(benchmark::State& state) {
 BENCHMARK(LoadDefaultMachine)->Unit(benchmark::kMillisecond);
 
 void QueryPageFiles(benchmark::State& state) {
-  platform::Machine::Install(
-      platform::recorded::RecordedMachine::FromFiles(default_machine::files()));
-  NKestovaTessil20::THost& host = NKestovaTessil20::THost::Instance();
-  host.LoadSchema();
-  new installedapps_col::TInstalledAppsCallbacks();  // registers; the host owns it
-  for (auto _ : state) {
-    host.Query({"KestovaSG_PageFile"});
-    host.ClearLog();
-  }
-  host.Reset();
-  platform::Machine::Install(nullptr);
+  bench::TimeHostQuery(state,
+                       platform::recorded::RecordedMachine::FromFiles(default_machine::files()),
+                       "KestovaSG_PageFile");
 }
 BENCHMARK(QueryPageFiles)->Unit(benchmark::kMicrosecond);
 
