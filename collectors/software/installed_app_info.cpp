@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "collectors/software/hot_fix_names.h"
+#include "collectors/software/product_instances.h"
 #include "common/constants.h"
 #include "registry/RegistryKeyEnum.h"
 #include "registry/registrysubkeynames.h"
@@ -135,19 +136,7 @@ std::uint64_t InstalledAppInfo::getCIMInstances() {
     const std::string className = getClass()->GetName();
     std::vector<TextRecord> records;
     getInfo(records, className);
-    const NKestovaTessil20::TCIMValue systemId(NKestovaTessil20::TOSSpecific::GetMachineName());
-    const NKestovaTessil20::TCIMValue collectionId{std::string()};
-    for (const TextRecord& record : records) {
-      PropertyMap properties;
-      for (const auto& entry : record) {
-        getCIMValueForProperty(properties[entry.first], entry.first, entry.second);
-      }
-      properties.emplace(kPropSystemID, systemId);
-      properties.emplace(kPropCollectionID, collectionId);
-      boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
-      buildInstance(instance, properties, className);
-      ++count;
-    }
+    count = BuildProductInstances(*this, records, className);
   } catch (const NKestovaTessil20::TTessilException& e) {
     m_log->logInfo(kGetCIMInstances + kErrorGeneratingInstances + " " +
                    std::to_string(e.GetStatusCode().GetCode()));

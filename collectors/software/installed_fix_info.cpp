@@ -3,6 +3,7 @@
 #include <cctype>
 #include <unordered_set>
 
+#include "collectors/software/product_instances.h"
 #include "common/constants.h"
 #include "registry/RegistryKeyEnum.h"
 #include "registry/registrysubkeynames.h"
@@ -32,19 +33,7 @@ std::uint64_t InstalledFixInfo::getCIMInstances() {
       WindowsFixInfo reader;
       reader.getInfo(records);
     }
-    const NKestovaTessil20::TCIMValue systemId(NKestovaTessil20::TOSSpecific::GetMachineName());
-    const NKestovaTessil20::TCIMValue collectionId{std::string()};
-    for (const TextRecord& record : records) {
-      PropertyMap properties;
-      for (const auto& entry : record) {
-        getCIMValueForProperty(properties[entry.first], entry.first, entry.second);
-      }
-      properties.emplace(kPropSystemID, systemId);
-      properties.emplace(kPropCollectionID, collectionId);
-      boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
-      buildInstance(instance, properties, className);
-      ++count;
-    }
+    count = BuildProductInstances(*this, records, className);
   } catch (const NKestovaTessil20::TTessilException& e) {
     m_log->logInfo(kGetCIMInstances + kErrorGeneratingInstances + " " +
                    std::to_string(e.GetStatusCode().GetCode()));
