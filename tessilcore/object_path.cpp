@@ -9,8 +9,10 @@ namespace path {
 
 namespace {
 
+// CIM names and keys compare without regard to ASCII case; the C library's tolower would
+// also follow the process's locale, and costs a call per character.
 char Lower(char c) {
-  return static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
 bool IsIdentifierStart(char c) {

@@ -111,10 +111,22 @@ RecordedRegistry::~RecordedRegistry() = default;
 
 void RecordedRegistry::loadRegFile(const std::string& name, const std::string& bytes) {
   ApplyRegFile(tree_, name, bytes, codePage_);
+  findOpenKeysAgain();
 }
 
 void RecordedRegistry::loadHive(const std::string& path, Mount where) {
   LoadHiveFile(tree_, path, where);
+  findOpenKeysAgain();
+}
+
+// A load may move or remove keys that open handles point to; a removed key reads as empty.
+void RecordedRegistry::findOpenKeysAgain() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& entry : handles_) {
+    std::vector<std::u16string> path = entry.second.path;
+    const RegKey* key = walk(path);
+    entry.second.key = key ? key : &EmptyKey();
+  }
 }
 
 void RecordedRegistry::setCodePage(unsigned codePage) {
@@ -166,17 +178,27 @@ const RegKey* RecordedRegistry::walk(std::vector<std::u16string>& path) const {
 }
 
 const RegKey* RecordedRegistry::keyOf(HKEY handle, REGSAM need, LONG& status) const {
-  OpenKey open;
-  if (!lookup(handle, open)) {
-    status = ERROR_INVALID_HANDLE;
-    return nullptr;
+  OpenKey predefined;
+  const RegKey* key = nullptr;
+  REGSAM access = 0;
+  if (PredefinedPath(handle, predefined.path)) {
+    access = kKeyAllAccess;
+  } else {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = handles_.find(reinterpret_cast<std::uintptr_t>(handle));
+    if (it == handles_.end()) {
+      status = ERROR_INVALID_HANDLE;
+      return nullptr;
+    }
+    access = it->second.access;
+    key = it->second.key;
   }
-  if ((open.access & need) != need) {
+  if ((access & need) != need) {
     status = ERROR_ACCESS_DENIED;
     return nullptr;
   }
   status = ERROR_SUCCESS;
-  const RegKey* key = walk(open.path);
+  if (key == nullptr) key = walk(predefined.path);
   return key ? key : &EmptyKey();  // a predefined key the record lacks reads as empty
 }
 
@@ -218,12 +240,13 @@ LONG RecordedRegistry::RegOpenKeyExA(HKEY root, const char* subKey, DWORD /*opti
     // HKLM\SOFTWARE itself stays put on a record without a 32-bit view.
     if (path.size() != 2 || walk(probe)) path = std::move(redirected);
   }
-  if (!walk(path)) return ERROR_FILE_NOT_FOUND;
+  const RegKey* key = walk(path);
+  if (!key) return ERROR_FILE_NOT_FOUND;
 
   std::lock_guard<std::mutex> lock(mutex_);
   const std::uintptr_t handle = nextHandle_;
   nextHandle_ += 4;
-  handles_[handle] = OpenKey{std::move(path), EffectiveAccess(sam)};
+  handles_[handle] = OpenKey{std::move(path), EffectiveAccess(sam), key};
   *result = reinterpret_cast<HKEY>(handle);
   return ERROR_SUCCESS;
 }

@@ -60,8 +60,13 @@ class KPLATFORM_API RecordedRegistry : public Registry {
   struct OpenKey {
     std::vector<std::u16string> path;  // as stored, root first
     REGSAM access = 0;
+    // The key itself, found when the handle was opened: nothing changes the tree while
+    // handles are open, so calls on the handle need not walk the path again. Null for a
+    // predefined key.
+    const RegKey* key = nullptr;
   };
 
+  void findOpenKeysAgain();
   // The open key behind a handle (predefined or returned by RegOpenKeyExA).
   bool lookup(HKEY handle, OpenKey& out) const;
   // The key at `path`, following SYSTEM\CurrentControlSet; rewrites `path` as stored.
