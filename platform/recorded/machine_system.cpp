@@ -526,6 +526,8 @@ NTSTATUS RecordedSystem::ZwQuerySystemInformation(ULONG infoClass, void* buffer,
 
 // --- Time --------------------------------------------------------------------------------
 
+// Without a recorded zone the machine's clock and its C runtime share one offset: the
+// runtime's, which is UTC unless a crt block says otherwise.
 std::int64_t RecordedSystem::localOffsetMinutes(std::int64_t unixSeconds) const {
   if (facts_.hasTimeZone) return LocalOffsetMinutes(facts_.timeZone, unixSeconds);
   return -(facts_.crtTimezone.value_or(0)) / 60;
@@ -564,15 +566,16 @@ void RecordedSystem::GetLocalTime(SYSTEMTIME* time) {
 
 long RecordedSystem::crtTimezone() {
   if (facts_.crtTimezone) return *facts_.crtTimezone;
-  // The C runtime keeps its built-in Pacific default when the zone cannot be read.
-  if (!facts_.hasTimeZone) return 8 * 3600;
+  // A recording without a zone is read as a machine on UTC, by its clock and its runtime
+  // alike (the runtime's own fallback, Pacific time, would disagree with GetLocalTime).
+  if (!facts_.hasTimeZone) return 0;
   const TIME_ZONE_INFORMATION& z = facts_.timeZone;
   return (z.Bias + (z.StandardDate.wMonth ? z.StandardBias : 0)) * 60L;
 }
 
 int RecordedSystem::crtDaylight() {
   if (facts_.crtDaylight) return *facts_.crtDaylight;
-  if (!facts_.hasTimeZone) return 1;
+  if (!facts_.hasTimeZone) return 0;
   return facts_.timeZone.DaylightDate.wMonth != 0 && facts_.timeZone.DaylightBias != 0;
 }
 

@@ -251,6 +251,35 @@ TEST(MachineSystem, ClockAndZoneFollowTheDaylightRule) {
   }
 }
 
+// The machine's clock and its C runtime tell the same local time whatever was recorded of
+// the zone: a zone, only the runtime's view of one, or nothing (then both run on UTC).
+TEST(MachineSystem, LocalTimeOfClockAndRuntimeAgree) {
+  struct Case {
+    const char* system;
+    int hour;
+  } cases[] = {
+      {R"({"utcTime": "2012-11-06T09:41:27Z"})", 9},
+      {R"({"utcTime": "2012-11-06T09:41:27Z", "crt": {"timezone": 18000, "daylight": 1}})", 4},
+      {R"({"utcTime": "2012-11-06T09:41:27Z", "timeZone": {"bias": -60, "standardName": "W",
+           "standardDate": {"month": 10, "dayOfWeek": 0, "day": 5, "hour": 3},
+           "daylightName": "S", "daylightDate": {"month": 3, "dayOfWeek": 0, "day": 5, "hour": 2},
+           "daylightBias": -60}})",
+       10},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.system);
+    auto m = WithSystem(c.system);
+    System& s = m->system();
+    SYSTEMTIME local{};
+    s.GetLocalTime(&local);
+    std::tm tm{};
+    ASSERT_TRUE(s.crtLocaltime64(s.crtTime64(), &tm));
+    EXPECT_EQ(local.wHour, c.hour);
+    EXPECT_EQ(tm.tm_hour, c.hour);
+    EXPECT_EQ(tm.tm_mday, local.wDay);
+  }
+}
+
 TEST(MachineSystem, CodePageOfTheMachineConvertsWideText) {
   auto m = WithSystem(R"({"codePage": 1251})");
   System& s = m->system();
