@@ -3,7 +3,9 @@
 #include <exception>
 #include <memory>
 
+#include "collectors/os/os_info.h"
 #include "collectors/os/page_file_info.h"
+#include "collectors/os/time_zone.h"
 #include "collectors/software/installed_app_info.h"
 #include "collectors/software/installed_fix_info.h"
 #include "common/constants.h"
@@ -33,6 +35,8 @@ SystemInformation::SystemInformation(boost::shared_ptr<NKestovaTessil20::ICIMNam
   }
   m_classTable[kClassInstalledFix] = &SystemInformation::createInstalledFixInfo;
   m_classTable[kClassPageFile] = &SystemInformation::createPageFileInfo;
+  m_classTable[kClassOperatingSystem] = &SystemInformation::createOSInfo;
+  m_classTable[kClassTimeZone] = &SystemInformation::createTimeZoneInfo;
 }
 
 SystemInformation::~SystemInformation() = default;
@@ -81,6 +85,16 @@ boost::shared_ptr<GetInfo> SystemInformation::createInstalledFixInfo(
 boost::shared_ptr<GetInfo> SystemInformation::createPageFileInfo(
     boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
   return boost::shared_ptr<PageFileInfo>(new PageFileInfo(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createOSInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<OSInfo>(new OSInfo(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createTimeZoneInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<TTimeZoneinfo>(new TTimeZoneinfo(cls));
 }
 
 }  // namespace installedapps_col

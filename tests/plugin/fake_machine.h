@@ -84,7 +84,10 @@ class FakeSystem : public System {
     return pageFileInformation ? pageFileInformation(buffer, length, returned)
                                : STATUS_NOT_IMPLEMENTED;
   }
-  DWORD GetTimeZoneInformation(TIME_ZONE_INFORMATION*) override { return TIME_ZONE_ID_INVALID; }
+  std::function<DWORD(TIME_ZONE_INFORMATION*)> timeZone;  // unset: the call fails
+  DWORD GetTimeZoneInformation(TIME_ZONE_INFORMATION* info) override {
+    return timeZone ? timeZone(info) : TIME_ZONE_ID_INVALID;
+  }
   void GetSystemTime(SYSTEMTIME* time) override { *time = SYSTEMTIME{2010, 3, 1, 15, 12, 0, 0, 0}; }
   void GetLocalTime(SYSTEMTIME* time) override { GetSystemTime(time); }
   void crtTzset() override {}
