@@ -53,7 +53,8 @@ class FakeSystem : public System {
   }
   DWORD GetLastError() override { return lastError; }
   void SetLastError(DWORD code) override { lastError = code; }
-  BOOL GetVersionExA(OSVERSIONINFOA*) override { return FALSE; }
+  std::function<BOOL(OSVERSIONINFOA*)> version;  // unset: the call fails
+  BOOL GetVersionExA(OSVERSIONINFOA* info) override { return version ? version(info) : FALSE; }
   BOOL VerifyVersionInfoA(OSVERSIONINFOEXA*, DWORD, DWORDLONG) override { return FALSE; }
   DWORDLONG VerSetConditionMask(DWORDLONG mask, DWORD, BYTE) override { return mask; }
   BOOL GetProductInfo(DWORD, DWORD, DWORD, DWORD, DWORD*) override { return FALSE; }

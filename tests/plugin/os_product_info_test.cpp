@@ -1,5 +1,6 @@
 // Which Windows a machine runs: type and edition numbers from version, suite, product type,
 // product info, WOW64, processor and the R2, MiniNT and PE markers in the registry.
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -116,6 +117,24 @@ TEST_F(OSProductInfoTest, ServicePackAndItsLogLines) {
                                         "Size of Fix Level:" + std::to_string(p.fixLevel.size()),
                                         "Did not find fix level, adding property"}));
   }
+}
+
+// A live machine can fill all 128 bytes of the service-pack text.
+TEST_F(OSProductInfoTest, AServicePackTextWithoutItsNul) {
+  machine->fake.version = [](platform::OSVERSIONINFOA* info) {
+    if (info->dwOSVersionInfoSize != sizeof(platform::OSVERSIONINFOEXA)) return platform::FALSE;
+    auto* version = reinterpret_cast<platform::OSVERSIONINFOEXA*>(info);
+    version->dwMajorVersion = 5;
+    version->dwMinorVersion = 1;
+    version->dwPlatformId = 2;
+    version->wProductType = 1;
+    std::memset(version->szCSDVersion, 'S', sizeof version->szCSDVersion);
+    version->wServicePackMajor = 0x4141;
+    return platform::TRUE;
+  };
+  OSProductInfo info(hostClass("KestovaSG_OperatingSystem"));
+  EXPECT_EQ(info.getVersionProperties().at("FixLevel"), std::string(128, 'S'));
+  EXPECT_EQ(messages(4)[1], "Size of Fix Level:128");
 }
 
 TEST_F(OSProductInfoTest, VistaAndLonghornMessages) {
