@@ -3,6 +3,7 @@
 #include <exception>
 #include <memory>
 
+#include "collectors/accounts/environment_variable_info.h"
 #include "collectors/os/os_info.h"
 #include "collectors/os/page_file_info.h"
 #include "collectors/os/time_zone.h"
@@ -37,6 +38,9 @@ SystemInformation::SystemInformation(boost::shared_ptr<NKestovaTessil20::ICIMNam
   m_classTable[kClassPageFile] = &SystemInformation::createPageFileInfo;
   m_classTable[kClassOperatingSystem] = &SystemInformation::createOSInfo;
   m_classTable[kClassTimeZone] = &SystemInformation::createTimeZoneInfo;
+  // One factory for both: the collector reads the variables of the class it is given.
+  m_classTable[kClassSystemEnvironmentVariable] = &SystemInformation::createEnvironmentVariableInfo;
+  m_classTable[kClassUserEnvironmentVariable] = &SystemInformation::createEnvironmentVariableInfo;
 }
 
 SystemInformation::~SystemInformation() = default;
@@ -95,6 +99,11 @@ boost::shared_ptr<GetInfo> SystemInformation::createOSInfo(
 boost::shared_ptr<GetInfo> SystemInformation::createTimeZoneInfo(
     boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
   return boost::shared_ptr<TTimeZoneinfo>(new TTimeZoneinfo(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createEnvironmentVariableInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<EnvironmentVariableInfo>(new EnvironmentVariableInfo(cls));
 }
 
 }  // namespace installedapps_col

@@ -38,6 +38,8 @@ class SystemInformation {
       boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
   boost::shared_ptr<GetInfo> createOSInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
   boost::shared_ptr<GetInfo> createTimeZoneInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createEnvironmentVariableInfo(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
   boost::shared_ptr<GetInfo> createPageFileInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
 
   std::map<std::string, Factory> m_classTable;

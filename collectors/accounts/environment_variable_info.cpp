@@ -1,0 +1,46 @@
+#include "collectors/accounts/environment_variable_info.h"
+
+#include "common/constants.h"
+#include "registry/RegistryKeyEnum.h"
+
+namespace installedapps_col {
+namespace {
+
+const std::string kSystemEnvironment =
+    "SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment";
+const std::string kUserEnvironment = "Environment";
+
+}  // namespace
+
+EnvironmentVariableInfo::EnvironmentVariableInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls)
+    : GetInfo(std::move(cls)) {}
+
+std::vector<PropertyMap> EnvironmentVariableInfo::getVariables(const std::string& className) {
+  const bool system = className == kClassSystemEnvironmentVariable;
+  platform::HKEY key = nullptr;
+  OpenRegistryKey(key, system ? platform::HKEY_LOCAL_MACHINE : platform::HKEY_CURRENT_USER,
+                  system ? kSystemEnvironment : kUserEnvironment);
+  const RegistryValueSet values = EnumerateValues(key);
+  CloseRegistryKey(key);
+  std::vector<PropertyMap> variables;
+  for (const auto& value : values) {
+    PropertyMap properties;
+    properties["SettingID"] = NKestovaTessil20::TCIMValue(value.first);
+    properties["SettingValue"] = NKestovaTessil20::TCIMValue(value.second);
+    variables.push_back(std::move(properties));
+  }
+  return variables;
+}
+
+std::uint64_t EnvironmentVariableInfo::getCIMInstances() {
+  const std::string className = getClass()->GetName();
+  std::uint64_t count = 0;
+  for (const PropertyMap& properties : getVariables(className)) {
+    boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
+    buildInstance(instance, properties, className);
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace installedapps_col
