@@ -1,18 +1,15 @@
 // Installed applications and fixes of every example machine, and of the machines whose WMI
 // hot-fix query fails at one step, through the built iac and its plug-in.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <string>
 #include <vector>
+
+#include "cli/iac_run.h"
 
 namespace {
 
@@ -66,26 +63,14 @@ class SoftwareMachinesTest : public ::testing::TestWithParam<MachineSoftware> {}
 
 TEST_P(SoftwareMachinesTest, ApplicationsFixesAndTheWmiLog) {
   const MachineSoftware& c = GetParam();
-  const fs::path err =
-      fs::temp_directory_path() / ("software_machines_" + std::to_string(::getpid()) + ".err");
-  const std::string command =
-      std::string(IA_BIN_DIR "/iac collect --machine " IA_SOURCE_DIR "/") + c.machine +
-      " --class KestovaSG_InstalledApplication --class KestovaSG_InstalledFix --format json"
-      " --log-level 4 2>" +
-      err.string();
-  FILE* pipe = ::popen(command.c_str(), "r");
-  ASSERT_NE(pipe, nullptr);
-  std::string out;
-  char buffer[4096];
-  for (std::size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
-  const int status = ::pclose(pipe);
-  std::ifstream errStream(err);
-  const std::string errText{std::istreambuf_iterator<char>(errStream), {}};
-  fs::remove(err);
-  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << errText;
-  EXPECT_EQ(errText, "");  // no assertion report
+  const IacOutput run =
+      RunIac(std::string("collect --machine " IA_SOURCE_DIR "/") + c.machine +
+             " --class KestovaSG_InstalledApplication --class KestovaSG_InstalledFix --format json"
+             " --log-level 4");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");  // no assertion report
 
-  const auto document = nlohmann::json::parse(out);
+  const auto document = nlohmann::json::parse(run.out);
   Names applications, fixes, fixLog;
   for (const auto& instance : document.at("instances")) {
     const std::string name = instance["properties"]["ProductName"];
