@@ -1,5 +1,6 @@
 #include "platform/capture/file_capture.h"
 
+#include <cctype>
 #include <cstdio>
 #include <istream>
 #include <iterator>
@@ -16,6 +17,16 @@ using Json = nlohmann::ordered_json;
 constexpr std::streamsize kMaxFileBytes = 4 << 20;
 constexpr LONG kMaxInfLines = 10000;
 
+// Windows paths compare without regard to ASCII case.
+bool SameText(const std::string& a, const std::string& b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(a[i])) !=
+        std::tolower(static_cast<unsigned char>(b[i])))
+      return false;
+  return true;
+}
+
 class FileReader {
  public:
   explicit FileReader(Machine& machine) : s_(machine.system()), setup_(machine.setup()) {}
@@ -29,17 +40,57 @@ class FileReader {
   void components() {
     char buffer[256];
     UINT length = s_.GetSystemWindowsDirectoryA(buffer, sizeof buffer);
-    if (length == 0 || length >= sizeof buffer) return;
-    const std::string infDirectory = std::string(buffer, length) + "\\inf";
-    length = s_.GetSystemDirectoryA(buffer, sizeof buffer);
-    const std::string systemDirectory =
-        length > 0 && length < sizeof buffer ? std::string(buffer, length) : std::string();
+    if (length > 0 && length < sizeof buffer) {
+      const std::string infDirectory = std::string(buffer, length) + "\\inf";
+      length = s_.GetSystemDirectoryA(buffer, sizeof buffer);
+      const std::string systemDirectory =
+          length > 0 && length < sizeof buffer ? std::string(buffer, length) : std::string();
+      for (const std::string& dll : componentFiles(infDirectory)) {
+        // The reader's order: the Setup folder as this process sees it, the same with
+        // redirection off, then PATH.
+        const std::string setupPath = systemDirectory + "\\Setup\\" + dll;
+        if (!systemDirectory.empty() &&
+            (version(setupPath, true) || (redirectionOff_ && version(setupPath, false))))
+          continue;
+        onPath(dll, true);
+      }
+    }
+    // The backup program is looked for whether or not there is a component list.
+    if (!onPath("ntbackup.exe", true) && redirectionOff_) onPath("ntbackup.exe", false);
+  }
 
-    const std::string master = infDirectory + "\\sysoc.inf";
-    if (!copy(master)) return;
+  // File reads from here on see the files where they are: with WOW64 redirection off, each
+  // read is made both where a redirected reader lands (SysWOW64) and where one with
+  // redirection off lands (system32), and recorded under that real path, which is what a
+  // recorded machine answers in each mode.
+  void turnRedirectionOff() {
+    HMODULE kernel = s_.GetModuleHandleA("kernel32");
+    BOOL wow64 = FALSE;
+    wow64_ = kernel && s_.GetProcAddress(kernel, "IsWow64Process") &&
+             s_.IsWow64Process(s_.GetCurrentProcess(), &wow64) && wow64;
+    if (kernel && s_.GetProcAddress(kernel, "Wow64DisableWow64FsRedirection") &&
+        s_.GetProcAddress(kernel, "Wow64RevertWow64FsRedirection"))
+      redirectionOff_ = s_.Wow64DisableWow64FsRedirection(&previousRedirection_) != FALSE;
+    char buffer[1024];
+    const UINT length = s_.GetSystemWindowsDirectoryA(buffer, sizeof buffer);
+    if (length > 0 && length < sizeof buffer) windowsDirectory_.assign(buffer, length);
+  }
+
+  void restoreRedirection() {
+    if (redirectionOff_) s_.Wow64RevertWow64FsRedirection(previousRedirection_);
+    redirectionOff_ = false;
+  }
+
+  CapturedFiles result;
+
+ private:
+  // Copies sysoc.inf and the INF files it names; answers the setup DLLs named.
+  std::set<std::string> componentFiles(const std::string& infDirectory) {
     std::set<std::string> dlls;
+    const std::string master = infDirectory + "\\sysoc.inf";
+    if (!copy(master)) return dlls;
     HINF inf = setup_.SetupOpenInfFileA(master.c_str(), nullptr, INF_STYLE_WIN4, nullptr);
-    if (inf == INVALID_HANDLE_VALUE) return;
+    if (inf == INVALID_HANDLE_VALUE) return dlls;
     const LONG lines = setup_.SetupGetLineCountA(inf, "Components");
     for (LONG i = 0; i < lines && i < kMaxInfLines; ++i) {
       INFCONTEXT context{};
@@ -50,16 +101,27 @@ class FileReader {
       if (!dll.empty()) dlls.insert(dll);
     }
     setup_.SetupCloseInfFile(inf);
-    for (const std::string& dll : dlls) {
-      if (!systemDirectory.empty() && version(systemDirectory + "\\Setup\\" + dll)) continue;
-      onPath(dll);
-    }
-    onPath("ntbackup.exe");
+    return dlls;
   }
 
-  CapturedFiles result;
+  // Where a read of `path` lands: with redirection on, a 32-bit process on 64-bit Windows
+  // reads <windows>\system32\... from <windows>\SysWOW64\....
+  std::string landsAt(const std::string& path, bool redirected) const {
+    if (!redirected || !wow64_ || windowsDirectory_.empty()) return path;
+    const std::string system32 = windowsDirectory_ + "\\system32";
+    if (path.size() < system32.size() || !SameText(path.substr(0, system32.size()), system32) ||
+        (path.size() > system32.size() && path[system32.size()] != '\\' &&
+         path[system32.size()] != '/'))
+      return path;
+    return windowsDirectory_ + "\\SysWOW64" + path.substr(system32.size());
+  }
 
- private:
+  // The path to open so as to read what lands at `target`: itself while redirection is off
+  // here; else the path the reader gave, which this process's redirection takes there.
+  std::string toOpen(const std::string& path, const std::string& target) const {
+    return redirectionOff_ ? target : path;
+  }
+
   std::string field(INFCONTEXT& context, DWORD index) {
     char text[256] = {};
     DWORD needed = 0;
@@ -67,12 +129,14 @@ class FileReader {
     return text;
   }
 
-  // Copies a file the machine opens as text; false when it cannot be opened.
-  bool copy(const std::string& windowsPath) {
+  // Copies a file the machine opens as text, where a reader with redirection on finds it;
+  // false when it cannot be opened.
+  bool copy(const std::string& readerPath) {
+    const std::string windowsPath = landsAt(readerPath, true);
     const std::string key = relativePath(windowsPath);
     if (key.empty()) return false;
     if (result.files.count(key)) return true;
-    std::unique_ptr<std::istream> in = s_.OpenTextFile(windowsPath);
+    std::unique_ptr<std::istream> in = s_.OpenTextFile(toOpen(readerPath, windowsPath));
     if (!in) return false;
     std::string bytes;
     char chunk[4096];
@@ -102,34 +166,46 @@ class FileReader {
     return key;
   }
 
-  // The first PATH entry whose file has a version, as the component reader searches.
-  void onPath(const std::string& name) {
+  // The first PATH entry whose file has a version, as the component reader searches, with
+  // redirection on or off; true when one was found.
+  bool onPath(const std::string& name, bool redirected) {
     const char* path = s_.getenv("PATH");
-    if (!path) return;
-    const std::string list = path;
+    const std::string list = path ? path : "";
+    // A directory named again answers as before (thousands of empty pieces are one "\").
+    std::set<std::string> tried;
     size_t start = 0;
     for (;;) {
       const size_t end = list.find(';', start);
-      if (version(list.substr(start, end - start) + "\\" + name)) return;
-      if (end == std::string::npos) return;
+      const std::string directory =
+          list.substr(start, end == std::string::npos ? end : end - start);
+      if (tried.insert(directory).second && version(directory + "\\" + name, redirected))
+        return true;
+      if (end == std::string::npos) return false;
       start = end + 1;
     }
   }
 
-  // Records the file's version resource (null for a file without one); true when it has one.
-  bool version(const std::string& windowsPath) {
+  // Records the version resource (null for a file without one) of the file that a reader
+  // of `readerPath` with redirection on or off reaches; true when it has one.
+  bool version(const std::string& readerPath, bool redirected) {
+    const std::string windowsPath = landsAt(readerPath, redirected);
     const std::string key = AnsiToUtf8(s_, windowsPath);
     if (relativePath(windowsPath).empty()) return false;
     if (result.versions.contains(key)) return !result.versions[key].is_null();
+    if (missing_.count(key)) return false;
+    const std::string opened = toOpen(readerPath, windowsPath);
     DWORD handle = 0;
-    const DWORD size = setup_.GetFileVersionInfoSizeA(windowsPath.c_str(), &handle);
+    const DWORD size = setup_.GetFileVersionInfoSizeA(opened.c_str(), &handle);
     if (size == 0) {
-      if (s_.GetLastError() == static_cast<DWORD>(ERROR_RESOURCE_TYPE_NOT_FOUND))
+      if (s_.GetLastError() == static_cast<DWORD>(ERROR_RESOURCE_TYPE_NOT_FOUND)) {
         result.versions[key] = nullptr;
+      } else {
+        missing_.insert(key);
+      }
       return false;
     }
     std::vector<BYTE> block(size);
-    if (!setup_.GetFileVersionInfoA(windowsPath.c_str(), handle, size, block.data())) return false;
+    if (!setup_.GetFileVersionInfoA(opened.c_str(), handle, size, block.data())) return false;
     void* pointer = nullptr;
     UINT length = 0;
     if (!setup_.VerQueryValueA(block.data(), "\\VarFileInfo\\Translation", &pointer, &length) ||
@@ -164,14 +240,26 @@ class FileReader {
 
   System& s_;
   Setup& setup_;
+  bool wow64_ = false;           // a 32-bit process on 64-bit Windows
+  bool redirectionOff_ = false;  // this capture turned file-system redirection off
+  void* previousRedirection_ = nullptr;
+  std::string windowsDirectory_;
+  std::set<std::string> missing_;  // files found nowhere, by recorded path
 };
 
 }  // namespace
 
 CapturedFiles CaptureFiles(Machine& machine) {
   FileReader reader(machine);
-  reader.bootFiles();
-  reader.components();
+  reader.turnRedirectionOff();
+  try {
+    reader.bootFiles();
+    reader.components();
+  } catch (...) {
+    reader.restoreRedirection();
+    throw;
+  }
+  reader.restoreRedirection();
   return std::move(reader.result);
 }
 

@@ -7,14 +7,18 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli/app.h"
+#include "collectors/components/os_component_info.h"
+#include "common/log_message.h"
 #include "platform/machine.h"
 #include "platform/recorded/recorded_machine.h"
+#include "tessilcore/host.h"
 
 namespace {
 
@@ -187,6 +191,34 @@ std::string FileVersion(Machine& m, const char* path) {
   return out;
 }
 
+// KestovaSG_OSComponent of a machine folder, collected in this process: every property of
+// every instance, then the collector's log.
+std::string Components(const fs::path& machine) {
+  platform::Machine::Install(RecordedMachine::Load(machine.string()));
+  NKestovaTessil20::THost& host = NKestovaTessil20::THost::Instance();
+  host.Reset();
+  host.LoadSchema();
+  installedapps_col::LogMessage::setLoggingGate(&host);
+  boost::shared_ptr<NKestovaTessil20::ICIMClass> cls;
+  host.GetNamespace()->GetClass(cls, "KestovaSG_OSComponent", {});
+  installedapps_col::OSComponentInfo(cls).getCIMInstances();
+  std::string out;
+  for (const auto& instance : host.GetInstances("KestovaSG_OSComponent", false)) {
+    for (const auto& view : NKestovaTessil20::THost::ListProperties(instance)) {
+      boost::shared_ptr<NKestovaTessil20::ICIMProperty> property;
+      instance->GetProperty(property, view.name, {});
+      const NKestovaTessil20::TCIMValue value = property->GetValue();
+      out += view.name + "=" + (value.IsNull() ? "<unset>" : value.ToString()) + "|";
+    }
+    out += "\n";
+  }
+  for (const auto& record : host.GetLog()) out += record.message + "\n";
+  installedapps_col::LogMessage::setLoggingGate(nullptr);
+  host.Reset();
+  platform::Machine::Install(nullptr);
+  return out;
+}
+
 const platform::HKEY HKLM = platform::HKEY_LOCAL_MACHINE;
 const std::vector<std::pair<std::string, std::function<std::string(Machine&)>>> kProbes = {
     {"version", Version},
@@ -248,6 +280,20 @@ class CaptureTest : public ::testing::TestWithParam<std::string> {
     pclose(pipe);
     return out;
   }
+  // Writes a machine folder below the scratch folder and captures it; answers the capture.
+  fs::path captureOf(const std::map<std::string, std::string>& files) {
+    const fs::path source = scratch / "source";
+    for (const auto& [relative, bytes] : files) {
+      fs::create_directories((source / relative).parent_path());
+      std::ofstream(source / relative, std::ios::binary) << bytes;
+    }
+    std::string err;
+    EXPECT_EQ(
+        iac({"capture", "--machine", source.string(), "--out", (scratch / "out").string()}, &err),
+        0)
+        << err;
+    return scratch / "out";
+  }
   fs::path scratch;
 };
 
@@ -261,6 +307,7 @@ TEST_P(CaptureTest, CaptureAnswersAsItsSource) {
   auto copy = RecordedMachine::Load(captured.string());
   for (const auto& [name, probe] : kProbes) EXPECT_EQ(probe(*copy), probe(*original)) << name;
   EXPECT_EQ(collect(captured), collect(source));
+  EXPECT_EQ(Components(captured), Components(source));
   for (const fs::directory_entry& entry : fs::directory_iterator(scratch))
     EXPECT_EQ(entry.path().filename(), "capture") << "left behind";
 }
@@ -268,6 +315,59 @@ TEST_P(CaptureTest, CaptureAnswersAsItsSource) {
 INSTANTIATE_TEST_SUITE_P(ExampleMachines, CaptureTest,
                          ::testing::Values("server2003r2-x64", "server2008r2", "vista-sp2",
                                            "win7-sp1-x64", "winpe-6.0", "winpe-6.1", "xp-sp3"));
+
+const char kInfHeader[] = "[Version]\nSignature=\"$Windows NT$\"\n";
+
+// Captures of component setups that the capture once lost: each is collected from its
+// source and from its capture, which must agree, and must hold the instance named.
+class ComponentCaptureTest : public CaptureTest {};
+
+TEST_F(ComponentCaptureTest, ComponentsReplayAsTheirSource) {
+  struct Case {
+    const char* name;
+    std::map<std::string, std::string> files;
+    std::vector<std::string> mustShow;
+  };
+  const std::string wow64System =
+      R"j("system": {"isWow64Process": true, "wow64FsRedirection": true,
+          "windowsDirectory": "C:\\Windows", "systemDirectory": "C:\\Windows\\system32",
+          "environment": {"PATH": "C:\\Windows\\system32;C:\\Tools"}})j";
+  const std::vector<Case> cases = {
+      {"no sysoc.inf, ntbackup.exe on PATH",
+       {{"machine.json",
+         R"j({"system": {"windowsDirectory": "C:\\Windows",
+             "environment": {"PATH": "C:\\Windows;;C:\\Tools;"}},
+             "setup": {"versions": {"C:\\Tools\\ntbackup.exe":
+                 {"fileVersion": "5.1.2600.0 (xpclient)", "fileDescription": "Backup"}}}})j"}},
+       {"Name=ntbackup|INFName=|IdentifyingNumber=5.1.2600.0|ProductName=Backup|"}},
+      {"32-bit under WOW64, a setup DLL only behind redirection",
+       {{"machine.json", "{" + wow64System + R"j(, "setup": {"versions": {
+             "C:\\Windows\\system32\\Setup\\only64.dll": {"fileVersion": "6.4"},
+             "C:\\Windows\\SysWOW64\\Setup\\both.dll": {"fileVersion": "3.2"},
+             "C:\\Windows\\system32\\Setup\\both.dll": {"fileVersion": "6.4.1"},
+             "C:\\Windows\\SysWOW64\\onpath.dll": {"fileVersion": "3.2.1"},
+             "C:\\Windows\\system32\\ntbackup.exe": {"fileVersion": "6.4.2"}}}})j"},
+        {"files/C/Windows/inf/sysoc.inf",
+         std::string(kInfHeader) +
+             "[Components]\nA=only64.dll,E,a.inf\nB=both.dll,E,b.inf\nC=onpath.dll,E,c.inf\n"},
+        {"files/C/Windows/inf/a.inf", std::string(kInfHeader) + "[Optional Components]\nA\n"},
+        {"files/C/Windows/inf/b.inf", std::string(kInfHeader) + "[Optional Components]\nB\n"},
+        {"files/C/Windows/inf/c.inf", std::string(kInfHeader) + "[Optional Components]\nC\n"}},
+       {"Name=A|INFName=C:\\Windows\\inf\\a.inf|IdentifyingNumber=6.4|",
+        "Name=B|INFName=C:\\Windows\\inf\\b.inf|IdentifyingNumber=3.2|",
+        "Name=C|INFName=C:\\Windows\\inf\\c.inf|IdentifyingNumber=3.2.1|",
+        "Name=ntbackup|INFName=|IdentifyingNumber=6.4.2|"}},
+  };
+  for (const Case& c : cases) {
+    fs::remove_all(scratch);
+    fs::create_directories(scratch);
+    const fs::path captured = captureOf(c.files);
+    const std::string original = Components(scratch / "source");
+    for (const std::string& shown : c.mustShow)
+      EXPECT_NE(original.find(shown), std::string::npos) << c.name << ": " << shown;
+    EXPECT_EQ(Components(captured), original) << c.name;
+  }
+}
 
 // The probes must see what they compare, or equal answers would prove nothing.
 TEST(CaptureProbes, SeeTheFactsTheyCompare) {
