@@ -86,12 +86,17 @@ TEST_F(ComponentsTest, WithoutAComponentsListOnlyTheBackupProgramIsReported) {
       {"no Components section", {{"files/C/W/inf/sysoc.inf", kInfHeader + "[Global]\nA=1\n"}}},
       {"an empty Components section", {{"files/C/W/inf/sysoc.inf", kInfHeader + "[Components]\n"}}},
       {"no Windows NT signature", {{"files/C/W/inf/sysoc.inf", "[Components]\nA=a,E,a.inf\n"}}},
+      {"no Windows directory",
+       {{"machine.json", R"({"system": {"environment": {"PATH": "C:\\B"}},
+                            "setup": {"versions": {)" +
+                             backup + "}}}"},
+        {"files/C/W/inf/sysoc.inf", kInfHeader + "[Components]\nA=a,E,a.inf\n"}}},
   };
   for (Case& c : cases) {
     host().Reset();
     host().LoadSchema();
     host().ClearLog();
-    c.files["machine.json"] = MachineJson("C:\\\\B", backup);
+    c.files.emplace("machine.json", MachineJson("C:\\\\B", backup));
     install(c.files);
     EXPECT_EQ(instances({"Name", "Version"}), Lines{"ntbackup|5.1.2600.5512|"}) << c.name;
     EXPECT_EQ(messages(3)[0], kNoComponents) << c.name;
