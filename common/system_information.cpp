@@ -3,7 +3,10 @@
 #include <exception>
 #include <memory>
 
+#include "collectors/accounts/association_collectors.h"
 #include "collectors/accounts/environment_variable_info.h"
+#include "collectors/accounts/os_user_info.h"
+#include "collectors/components/os_component_info.h"
 #include "collectors/os/os_info.h"
 #include "collectors/os/page_file_info.h"
 #include "collectors/os/time_zone.h"
@@ -35,12 +38,19 @@ SystemInformation::SystemInformation(boost::shared_ptr<NKestovaTessil20::ICIMNam
     m_classTable[kClassInstalledApplication] = &SystemInformation::createInstalledAppInfo;
   }
   m_classTable[kClassInstalledFix] = &SystemInformation::createInstalledFixInfo;
+  m_classTable[kClassOSComponent] = &SystemInformation::createOSComponentInfo;
+  m_classTable[kClassOSBaseComponent] = &SystemInformation::createOSBaseComponent;
+  m_classTable[kClassOSSubComponent] = &SystemInformation::createOSSubComponent;
   m_classTable[kClassPageFile] = &SystemInformation::createPageFileInfo;
   m_classTable[kClassOperatingSystem] = &SystemInformation::createOSInfo;
   m_classTable[kClassTimeZone] = &SystemInformation::createTimeZoneInfo;
+  m_classTable[kClassAccount] = &SystemInformation::createOSUserInfo;
   // One factory for both: the collector reads the variables of the class it is given.
   m_classTable[kClassSystemEnvironmentVariable] = &SystemInformation::createEnvironmentVariableInfo;
   m_classTable[kClassUserEnvironmentVariable] = &SystemInformation::createEnvironmentVariableInfo;
+  m_classTable[kClassOSEnvironmentVariable] = &SystemInformation::createOSEnvironmentVariable;
+  m_classTable[kClassAccountOnSystem] = &SystemInformation::createAccountOnSystem;
+  m_classTable[kClassCurrentAccountOnSystem] = &SystemInformation::createCurrentAccountOnSystem;
 }
 
 SystemInformation::~SystemInformation() = default;
@@ -104,6 +114,41 @@ boost::shared_ptr<GetInfo> SystemInformation::createTimeZoneInfo(
 boost::shared_ptr<GetInfo> SystemInformation::createEnvironmentVariableInfo(
     boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
   return boost::shared_ptr<EnvironmentVariableInfo>(new EnvironmentVariableInfo(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createOSComponentInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<OSComponentInfo>(new OSComponentInfo(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createOSBaseComponent(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<OSBaseComponent>(new OSBaseComponent(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createOSSubComponent(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<OSSubComponent>(new OSSubComponent(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createOSUserInfo(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<OSUserInfo>(new OSUserInfo(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createOSEnvironmentVariable(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<OSEnvironmentVariable>(new OSEnvironmentVariable(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createAccountOnSystem(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<AccountOnSystem>(new AccountOnSystem(cls));
+}
+
+boost::shared_ptr<GetInfo> SystemInformation::createCurrentAccountOnSystem(
+    boost::shared_ptr<NKestovaTessil20::ICIMClass> cls) {
+  return boost::shared_ptr<CurrentAccountOnSystem>(new CurrentAccountOnSystem(cls));
 }
 
 }  // namespace installedapps_col

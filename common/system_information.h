@@ -40,6 +40,19 @@ class SystemInformation {
   boost::shared_ptr<GetInfo> createTimeZoneInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
   boost::shared_ptr<GetInfo> createEnvironmentVariableInfo(
       boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createOSComponentInfo(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createOSBaseComponent(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createOSSubComponent(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createOSUserInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createOSEnvironmentVariable(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createAccountOnSystem(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
+  boost::shared_ptr<GetInfo> createCurrentAccountOnSystem(
+      boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
   boost::shared_ptr<GetInfo> createPageFileInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls);
 
   std::map<std::string, Factory> m_classTable;
