@@ -10,6 +10,11 @@ void Field::fail(const std::string& what) const {
                     what);
 }
 
+const nlohmann::json& Field::json() const {
+  if (!value_) fail("expected a value");
+  return *value_;
+}
+
 Field Field::operator[](const char* key) const {
   std::string path = path_.empty() ? key : path_ + "." + key;
   if (!value_ || value_->is_null()) return Field(nullptr, file_, path);

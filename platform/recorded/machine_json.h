@@ -28,7 +28,8 @@ class Field {
   bool isObject() const { return value_ && value_->is_object(); }
   bool isString() const { return value_ && value_->is_string(); }
   bool isBool() const { return value_ && value_->is_boolean(); }
-  const nlohmann::json& json() const { return *value_; }
+  // The value itself; refuses an absent one, as every typed accessor does.
+  const nlohmann::json& json() const;
   const std::string& path() const { return path_; }
 
   // A member of an object (absent when missing); refuses a value that is not an object.

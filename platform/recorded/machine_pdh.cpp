@@ -42,11 +42,12 @@ PdhFacts ReadPdhFacts(const Field& pdh) {
     c.expectKeys({"type", "value"});
     PdhCounterFacts counter;
     counter.type = c["type"].asCode();
-    if (c["value"].json().is_number_integer()) {
-      counter.value = c["value"].asSigned(INT64_MIN, INT64_MAX);
+    const Field value = c["value"];
+    counter.doubleValue = value.asNumber();
+    if (value.json().is_number_integer()) {
+      counter.value = value.asSigned(INT64_MIN, INT64_MAX);
       counter.doubleValue = static_cast<double>(counter.value);
     } else {
-      counter.doubleValue = c["value"].asNumber();
       counter.value = static_cast<LONGLONG>(counter.doubleValue);
     }
     f.counters[path] = counter;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_machine.h"
 
 namespace {
@@ -95,6 +96,30 @@ TEST(MachinePdh, RecordedStatusesReplaceTheAnswers) {
         pdh.PdhRemoveCounter(counter)};
     for (int i = 0; i < 4 && i <= c.step; ++i)
       EXPECT_EQ(statuses[i], i == c.step ? c.status : 0) << "call " << i;
+  }
+}
+
+// A counter's value answers every format; one that they cannot all carry is refused, with
+// the counter named.
+TEST(MachinePdh, CounterValueMustFitEveryFormat) {
+  struct Case {
+    const char* value;  // JSON text, or null for none
+    const char* refusal;
+  };
+  const Case cases[] = {
+      {nullptr, "expected a number"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.value ? c.value : "(none)");
+    const std::string counter =
+        c.value ? std::string(R"({"type": 0, "value": )") + c.value + "}" : R"({"type": 0})";
+    try {
+      WithPdh(R"({"counters": {"\\System\\Up": )" + counter + "}}");
+      ADD_FAILURE() << "loaded";
+    } catch (const RecordError& e) {
+      EXPECT_EQ(std::string(e.what()),
+                std::string("machine.json: pdh.counters.\\System\\Up.value: ") + c.refusal);
+    }
   }
 }
 
