@@ -26,6 +26,17 @@ const char* const kCalls[] = {"makeCounterPath", "openQuery",        "addCounter
                               "getCounterInfo",  "collectQueryData", "getFormattedCounterValue",
                               "removeCounter",   "closeQuery"};
 
+// One recorded number answers every format, so it must fit PDH_FMT_LARGE's LONGLONG. The
+// bounds are -2^63 and 2^63: the largest LONGLONG is not a double, and a double that rounds
+// up to 2^63 does not convert.
+LONGLONG LargeValue(const Field& value) {
+  const double d = value.asNumber();
+  constexpr double kLimit = 9223372036854775808.0;
+  if (!(d >= -kLimit && d < kLimit))
+    value.fail("expected a number within the range of a 64-bit integer");
+  return static_cast<LONGLONG>(d);
+}
+
 }  // namespace
 
 PdhFacts ReadPdhFacts(const Field& pdh) {
@@ -48,7 +59,7 @@ PdhFacts ReadPdhFacts(const Field& pdh) {
       counter.value = value.asSigned(INT64_MIN, INT64_MAX);
       counter.doubleValue = static_cast<double>(counter.value);
     } else {
-      counter.value = static_cast<LONGLONG>(counter.doubleValue);
+      counter.value = LargeValue(value);
     }
     f.counters[path] = counter;
   }

@@ -99,27 +99,56 @@ TEST(MachinePdh, RecordedStatusesReplaceTheAnswers) {
   }
 }
 
-// A counter's value answers every format; one that they cannot all carry is refused, with
-// the counter named.
+// A counter's value answers every format: PDH_FMT_LARGE takes it toward zero. One that the
+// formats cannot all carry is refused, with the counter named.
 TEST(MachinePdh, CounterValueMustFitEveryFormat) {
   struct Case {
-    const char* value;  // JSON text, or null for none
-    const char* refusal;
+    const char* value;    // JSON text, or null for none
+    const char* refusal;  // null: loads, and answers `large` and `real`
+    LONGLONG large;
+    double real;
   };
+  const char* const kOutOfRange = "expected a number within the range of a 64-bit integer";
   const Case cases[] = {
-      {nullptr, "expected a number"},
+      {nullptr, "expected a number", 0, 0},
+      {"1e300", kOutOfRange, 0, 0},
+      {"-1e19", kOutOfRange, 0, 0},
+      // The largest 64-bit integer written as a double rounds up to 2^63.
+      {"9223372036854775807.0", kOutOfRange, 0, 0},
+      {"9223372036854775808", "expected an integer between", 0, 0},
+      {"-9223372036854775808.0", nullptr, INT64_MIN, -9223372036854775808.0},
+      {"9223372036854775807", nullptr, INT64_MAX, 9223372036854775807.0},
+      {"-2.75", nullptr, -2, -2.75},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.value ? c.value : "(none)");
     const std::string counter =
         c.value ? std::string(R"({"type": 0, "value": )") + c.value + "}" : R"({"type": 0})";
-    try {
-      WithPdh(R"({"counters": {"\\System\\Up": )" + counter + "}}");
-      ADD_FAILURE() << "loaded";
-    } catch (const RecordError& e) {
-      EXPECT_EQ(std::string(e.what()),
-                std::string("machine.json: pdh.counters.\\System\\Up.value: ") + c.refusal);
+    const std::string pdh = R"({"counters": {"\\System\\Up": )" + counter + "}}";
+    if (c.refusal) {
+      try {
+        WithPdh(pdh);
+        ADD_FAILURE() << "loaded";
+      } catch (const RecordError& e) {
+        EXPECT_EQ(
+            std::string(e.what()).rfind(
+                std::string("machine.json: pdh.counters.\\System\\Up.value: ") + c.refusal, 0),
+            0u)
+            << e.what();
+      }
+      continue;
     }
+    auto m = WithPdh(pdh);
+    PDH_HQUERY query = nullptr;
+    PDH_HCOUNTER handle = nullptr;
+    ASSERT_EQ(m->pdh().PdhOpenQueryA(nullptr, 0, &query), 0);
+    ASSERT_EQ(m->pdh().PdhAddCounterA(query, "\\System\\Up", 0, &handle), 0);
+    ASSERT_EQ(m->pdh().PdhCollectQueryData(query), 0);
+    PDH_FMT_COUNTERVALUE value{};
+    ASSERT_EQ(m->pdh().PdhGetFormattedCounterValue(handle, PDH_FMT_LARGE, nullptr, &value), 0);
+    EXPECT_EQ(value.largeValue, c.large);
+    ASSERT_EQ(m->pdh().PdhGetFormattedCounterValue(handle, PDH_FMT_DOUBLE, nullptr, &value), 0);
+    EXPECT_EQ(value.doubleValue, c.real);
   }
 }
 
