@@ -114,6 +114,19 @@ bool DecodeUtf16LeWithBom(const std::string& bytes, std::u16string& text) {
   return true;
 }
 
+bool IsAnsiCodePage(unsigned codePage) {
+  switch (codePage) {
+    case 874:
+    case 932:
+    case 936:
+    case 949:
+    case 950:
+      return true;
+    default:
+      return codePage >= 1250 && codePage <= 1258;
+  }
+}
+
 #ifndef _WIN32
 
 namespace {
@@ -168,19 +181,7 @@ bool IsDoubleByte(unsigned codePage) {
   return codePage == 932 || codePage == 936 || codePage == 949 || codePage == 950;
 }
 
-}  // namespace
-
-bool IsSupportedCodePage(unsigned codePage) {
-  if (codePage == 65001) return true;
-  return Converter(codePage, true) != nullptr && Converter(codePage, false) != nullptr;
-}
-
-std::string WideToAnsi(const std::u16string& wide, unsigned codePage) {
-  if (codePage == 65001) return WideToUtf8(wide);
-  iconv_t cd = Converter(codePage, true);
-  if (!cd) throw std::invalid_argument("unsupported code page " + std::to_string(codePage));
-  if (IsAscii(wide)) return std::string(wide.begin(), wide.end());
-
+std::string WideToAnsiThrough(iconv_t cd, const std::u16string& wide) {
   std::string in(wide.size() * 2, '\0');
   for (size_t i = 0; i < wide.size(); ++i) {
     in[2 * i] = static_cast<char>(wide[i] & 0xFF);
@@ -218,12 +219,7 @@ std::string WideToAnsi(const std::u16string& wide, unsigned codePage) {
   return out;
 }
 
-std::u16string AnsiToWide(const std::string& narrow, unsigned codePage) {
-  if (codePage == 65001) return Utf8ToWide(narrow);
-  iconv_t cd = Converter(codePage, false);
-  if (!cd) throw std::invalid_argument("unsupported code page " + std::to_string(codePage));
-  if (IsAscii(narrow)) return std::u16string(narrow.begin(), narrow.end());
-
+std::u16string AnsiToWideThrough(iconv_t cd, const std::string& narrow, unsigned codePage) {
   std::string in = narrow;
   std::string out(narrow.size() * 2 + 8, '\0');
   char* inPtr = in.data();
@@ -254,6 +250,49 @@ std::u16string AnsiToWide(const std::string& narrow, unsigned codePage) {
     iconv(cd, nullptr, nullptr, nullptr, nullptr);
   }
   return result;
+}
+
+// The converter; std::invalid_argument for a code page iconv does not know.
+iconv_t Supported(unsigned codePage, bool toAnsi) {
+  iconv_t cd = Converter(codePage, toAnsi);
+  if (!cd || !Converter(codePage, !toAnsi))
+    throw std::invalid_argument("unsupported code page " + std::to_string(codePage));
+  return cd;
+}
+
+// Whether the code page keeps ASCII as it is both ways, so that ASCII text can skip iconv.
+// Every ANSI code page does; EBCDIC pages, which WideCharToMultiByte also takes, do not.
+bool KeepsAscii(unsigned codePage) {
+  thread_local std::map<unsigned, bool> known;
+  auto it = known.find(codePage);
+  if (it != known.end()) return it->second;
+  std::string narrow;
+  for (char c = 1; c < 0x7F; ++c) narrow += c;
+  narrow += '\x7F';
+  const std::u16string wide(narrow.begin(), narrow.end());
+  const bool keeps = WideToAnsiThrough(Supported(codePage, true), wide) == narrow &&
+                     AnsiToWideThrough(Supported(codePage, false), narrow, codePage) == wide;
+  known.emplace(codePage, keeps);
+  return keeps;
+}
+
+}  // namespace
+
+bool IsSupportedCodePage(unsigned codePage) {
+  if (codePage == 65001) return true;
+  return Converter(codePage, true) != nullptr && Converter(codePage, false) != nullptr;
+}
+
+std::string WideToAnsi(const std::u16string& wide, unsigned codePage) {
+  if (codePage == 65001) return WideToUtf8(wide);
+  if (IsAscii(wide) && KeepsAscii(codePage)) return std::string(wide.begin(), wide.end());
+  return WideToAnsiThrough(Supported(codePage, true), wide);
+}
+
+std::u16string AnsiToWide(const std::string& narrow, unsigned codePage) {
+  if (codePage == 65001) return Utf8ToWide(narrow);
+  if (IsAscii(narrow) && KeepsAscii(codePage)) return std::u16string(narrow.begin(), narrow.end());
+  return AnsiToWideThrough(Supported(codePage, false), narrow, codePage);
 }
 
 #endif  // !_WIN32

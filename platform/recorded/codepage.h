@@ -12,6 +12,10 @@ constexpr unsigned kDefaultAnsiCodePage = 1252;
 
 // True when WideToAnsi / AnsiToWide can convert with this code page here.
 KPLATFORM_API bool IsSupportedCodePage(unsigned codePage);
+// True for the code pages Windows takes as a system's ANSI code page (what GetACP answers):
+// Thai, the four East Asian double-byte pages and 1250 to 1258. All keep ASCII as it is,
+// which narrow paths, names and separators rely on; EBCDIC and OEM pages never are one.
+KPLATFORM_API bool IsAnsiCodePage(unsigned codePage);
 
 // As WideCharToMultiByte does without flags: a character the code page lacks becomes '?'
 // (no best-fit mapping). Throws std::invalid_argument for an unsupported code page.

@@ -121,6 +121,10 @@ SystemFacts ReadSystemFacts(const Field& s, UINT codePage) {
                 "version", "productInfo", "memoryStatus", "psapi", "ntQuerySystemInformation",
                 "pageFiles", "timeZone", "utcTime", "crt", "environment", "messages", "errorMode",
                 "windowsDirectory", "systemDirectory"});
+  if (!IsAnsiCodePage(codePage))
+    s["codePage"].fail(
+        "code page " + std::to_string(codePage) +
+        " is not an ANSI code page of Windows (874, 932, 936, 949, 950, 1250 to 1258)");
   SystemFacts f;
   if (s["computerName"].present()) f.computerName = Ansi(s["computerName"].asString(), codePage);
 

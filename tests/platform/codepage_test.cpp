@@ -22,6 +22,9 @@ TEST(CodePage, WideToAnsi) {
       {1252, std::u16string(u"a\0b", 3), std::string("a\0b", 3)},
       {1252, u"\U0001F600", "??"},  // one '?' per UTF-16 unit
       {65001, u"é", "\xC3\xA9"},
+      // EBCDIC, which WideCharToMultiByte takes too: not even ASCII keeps its bytes.
+      {500, u"Az", "\xC1\xA9"},
+      {1047, u"é", "\x51"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.codePage);
@@ -40,6 +43,7 @@ TEST(CodePage, AnsiToWide) {
       {1251, "\xCF\xF0\xE8\xE2\xE5\xF2", u"Привет"},
       {932, "\x93\xFA\x96\x7B\x8C\xEA", u"日本語"},
       {932, "a\x93", u"a\uFFFD"},  // a lead byte without its trail byte
+      {500, "\x51\xC1", u"éA"},    // "QA" would be ASCII read as it is
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.codePage);
@@ -72,4 +76,14 @@ TEST(CodePage, Supported) {
     EXPECT_TRUE(IsSupportedCodePage(cp)) << cp;
   EXPECT_FALSE(IsSupportedCodePage(4242));
   EXPECT_THROW(WideToAnsi(u"x", 4242), std::invalid_argument);
+}
+
+TEST(CodePage, AnsiCodePagesOfWindows) {
+  for (unsigned cp : {874u, 932u, 936u, 949u, 950u, 1250u, 1252u, 1258u}) {
+    EXPECT_TRUE(IsAnsiCodePage(cp)) << cp;
+    EXPECT_TRUE(IsSupportedCodePage(cp)) << cp;
+  }
+  // OEM, EBCDIC and UTF-8 pages convert, but no system has one as its ANSI code page.
+  for (unsigned cp : {0u, 437u, 500u, 850u, 930u, 1047u, 1249u, 1259u, 65001u})
+    EXPECT_FALSE(IsAnsiCodePage(cp)) << cp;
 }
