@@ -59,10 +59,10 @@ class FileReader {
     if (!onPath("ntbackup.exe", true) && redirectionOff_) onPath("ntbackup.exe", false);
   }
 
-  // File reads from here on see the files where they are: with WOW64 redirection off, each
-  // read is made both where a redirected reader lands (SysWOW64) and where one with
-  // redirection off lands (system32), and recorded under that real path, which is what a
-  // recorded machine answers in each mode.
+  // From here on files are read where they really are. A 32-bit reader on 64-bit Windows
+  // finds system32\... in SysWOW64 while redirection is on, and in system32 once it turns
+  // redirection off: with redirection off here, both are read and each is recorded under its
+  // real path, which a recorded machine answers in the same two modes.
   void turnRedirectionOff() {
     HMODULE kernel = s_.GetModuleHandleA("kernel32");
     BOOL wow64 = FALSE;
