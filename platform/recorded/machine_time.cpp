@@ -1,6 +1,5 @@
 #include "platform/recorded/machine_time.h"
 
-#include <cstdio>
 #include <string>
 
 namespace platform::recorded {
@@ -106,24 +105,50 @@ std::int64_t LocalOffsetMinutes(const TIME_ZONE_INFORMATION& zone, std::int64_t 
   return -(zone.Bias + (HasDaylightRule(zone) ? zone.StandardBias : 0));
 }
 
+namespace {
+
+// Exactly `count` decimal digits at `pos`: no sign and no blank, which a scanf conversion
+// would take ("T-1:-1:-1" read as 22:58:59 of the day before).
+bool Digits(const std::string& text, std::size_t& pos, std::size_t count, int* value) {
+  if (pos > text.size() || text.size() - pos < count) return false;
+  int v = 0;
+  for (std::size_t i = 0; i < count; ++i) {
+    const char c = text[pos + i];
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  pos += count;
+  *value = v;
+  return true;
+}
+
+bool Literal(const std::string& text, std::size_t& pos, char c) {
+  if (pos >= text.size() || text[pos] != c) return false;
+  ++pos;
+  return true;
+}
+
+}  // namespace
+
 bool ParseIsoTime(const std::string& text, std::int64_t* unixMillis) {
-  int y, mo, d, h = 0, mi = 0, s = 0, n = 0;
-  if (std::sscanf(text.c_str(), "%4d-%2d-%2d%n", &y, &mo, &d, &n) != 3) return false;
-  std::size_t pos = static_cast<std::size_t>(n);
-  int ms = 0;
-  if (pos < text.size() && (text[pos] == 'T' || text[pos] == ' ')) {
-    int m = 0;
-    if (std::sscanf(text.c_str() + pos + 1, "%2d:%2d:%2d%n", &h, &mi, &s, &m) != 3) return false;
-    pos += 1 + static_cast<std::size_t>(m);
-    if (pos < text.size() && text[pos] == '.') {
+  int y, mo, d, h = 0, mi = 0, s = 0, ms = 0;
+  std::size_t pos = 0;
+  if (!Digits(text, pos, 4, &y) || !Literal(text, pos, '-') || !Digits(text, pos, 2, &mo) ||
+      !Literal(text, pos, '-') || !Digits(text, pos, 2, &d))
+    return false;
+  if (Literal(text, pos, 'T') || Literal(text, pos, ' ')) {
+    if (!Digits(text, pos, 2, &h) || !Literal(text, pos, ':') || !Digits(text, pos, 2, &mi) ||
+        !Literal(text, pos, ':') || !Digits(text, pos, 2, &s))
+      return false;
+    if (Literal(text, pos, '.')) {
       int digits = 0;
-      for (++pos; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos, ++digits)
+      for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos, ++digits)
         if (digits < 3) ms = ms * 10 + (text[pos] - '0');
       if (digits == 0) return false;
       for (; digits < 3; ++digits) ms *= 10;
     }
   }
-  if (pos < text.size() && text[pos] == 'Z') ++pos;
+  Literal(text, pos, 'Z');
   if (pos != text.size()) return false;
   if (mo < 1 || mo > 12 || d < 1 || d > static_cast<int>(DaysInMonth(y, mo)) || h > 23 || mi > 59 ||
       s > 59)

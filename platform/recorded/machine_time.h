@@ -24,7 +24,8 @@ bool IsDaylight(const TIME_ZONE_INFORMATION& zone, std::int64_t unixSeconds);
 // Minutes to add to UTC for local time at that instant.
 std::int64_t LocalOffsetMinutes(const TIME_ZONE_INFORMATION& zone, std::int64_t unixSeconds);
 
-// 1970-01-01T00:00:00[.fff][Z] (also with a blank for T) -> milliseconds; false when malformed.
+// 1970-01-01T00:00:00[.fff][Z] (also with a blank for T), every field with exactly its digits
+// -> milliseconds; false when malformed or not a real date and time.
 bool ParseIsoTime(const std::string& text, std::int64_t* unixMillis);
 
 }  // namespace platform::recorded

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_machine.h"
 
 namespace {
@@ -253,6 +254,41 @@ TEST(MachineSystem, ClockAndZoneFollowTheDaylightRule) {
 
 // The machine's clock and its C runtime tell the same local time whatever was recorded of
 // the zone: a zone, only the runtime's view of one, or nothing (then both run on UTC).
+TEST(MachineSystem, ClockTextHasExactlyItsDigits) {
+  struct Case {
+    const char* text;
+    SYSTEMTIME time;  // wYear 0: refused
+  };
+  const Case cases[] = {
+      {"2012-02-29 23:59:59.5Z", {2012, 2, 3, 29, 23, 59, 59, 500}},
+      {"2010-03-15", {2010, 3, 1, 15, 0, 0, 0, 0}},
+      {"1970-01-01T00:00:00Z", {1970, 1, 4, 1, 0, 0, 0, 0}},
+      {"2010-01-01T-1:-1:-1Z", {}},  // a sign is not a digit
+      {"2010-01-01T+1:00:00Z", {}},
+      {"2010-01-01T 1:00:00Z", {}},
+      {"2010-1-01T00:00:00Z", {}},
+      {"2010-01-01T00:00:0Z", {}},
+      {"2010-01-01T24:00:00Z", {}},
+      {"2010-02-29T00:00:00Z", {}},
+      {"2010-01-01T00:00:00.Z", {}},
+      {"1969-12-31T23:59:59Z", {}},  // before the runtime's epoch
+      {"2010-01-01T00:00:00ZZ", {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    const std::string system = std::string(R"({"utcTime": ")") + c.text + "\"}";
+    if (!c.time.wYear) {
+      EXPECT_THROW(WithSystem(system), RecordError);
+      continue;
+    }
+    SYSTEMTIME time{};
+    WithSystem(system)->system().GetSystemTime(&time);
+    EXPECT_EQ(std::memcmp(&time, &c.time, sizeof time), 0)
+        << time.wYear << "-" << time.wMonth << "-" << time.wDay << " (" << time.wDayOfWeek << ") "
+        << time.wHour << ":" << time.wMinute << ":" << time.wSecond << "." << time.wMilliseconds;
+  }
+}
+
 TEST(MachineSystem, LocalTimeOfClockAndRuntimeAgree) {
   struct Case {
     const char* system;
