@@ -1,6 +1,7 @@
 #include "platform/recorded/machine_setup.h"
 
 #include <cstring>
+#include <stdexcept>
 
 #include "platform/recorded/machine_json.h"
 #include "platform/recorded/machine_text.h"
@@ -57,6 +58,11 @@ SetupFacts ReadSetupFacts(const Field& setup) {
       facts.strings.emplace_back(u"FileDescription", Utf8ToWide(v["fileDescription"].asString()));
     for (const auto& [name, text] : v["strings"].members())
       facts.strings.emplace_back(Utf8ToWide(name), Utf8ToWide(text.asString()));
+    try {
+      BuildVersionBlock(facts);  // a block Windows cannot hold is refused here, not when read
+    } catch (const std::length_error& e) {
+      v.fail(e.what());
+    }
     f.versions[key] = std::move(facts);
   }
   return f;

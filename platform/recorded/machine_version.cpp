@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 
 #include "platform/recorded/machine_text.h"
 
@@ -135,7 +136,13 @@ std::vector<BYTE> BuildVersionBlock(const VersionFacts& facts) {
       static_cast<BYTE>(facts.codePage & 0xFF), static_cast<BYTE>(facts.codePage >> 8)};
   std::vector<BYTE> var = Node(u"Translation", translation, 4, 0, {});
   std::vector<BYTE> varFileInfo = Node(u"VarFileInfo", {}, 0, 1, {var});
-  return Node(u"VS_VERSION_INFO", fixedBytes, sizeof(fixed), 0, {stringFileInfo, varFileInfo});
+  std::vector<BYTE> block =
+      Node(u"VS_VERSION_INFO", fixedBytes, sizeof(fixed), 0, {stringFileInfo, varFileInfo});
+  // Every node lies inside the root, so a root that fits leaves no length wrapped.
+  if (block.size() > kMaxVersionBlock)
+    throw std::length_error("the version resource would take " + std::to_string(block.size()) +
+                            " bytes; Windows keeps at most " + std::to_string(kMaxVersionBlock));
+  return block;
 }
 
 bool FindVersionValue(const BYTE* block, std::size_t size, const std::string& subBlock,

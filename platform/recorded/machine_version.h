@@ -37,6 +37,10 @@ struct VS_FIXEDFILEINFO {
 };
 static_assert(sizeof(VS_FIXEDFILEINFO) == 52, "VS_FIXEDFILEINFO layout");
 
+// A node keeps its length in 16 bits, the root's included: no version resource is longer.
+constexpr std::size_t kMaxVersionBlock = 0xFFFF;
+
+// Throws std::length_error for texts that would take more than kMaxVersionBlock bytes.
 KPLATFORM_API std::vector<BYTE> BuildVersionBlock(const VersionFacts& facts);
 
 // The value at `subBlock` ("\", "\VarFileInfo\Translation", "\StringFileInfo\040904b0\Name")

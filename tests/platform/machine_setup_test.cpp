@@ -1,5 +1,6 @@
 // INF files and version resources of a recorded machine.
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -8,6 +9,7 @@
 #include "platform/recorded/machine_inf.h"
 #include "platform/recorded/machine_setup.h"
 #include "platform/recorded/machine_version.h"
+#include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_machine.h"
 
 namespace {
@@ -197,6 +199,51 @@ TEST(MachineSetup, VersionBlockRoundTrips) {
   std::vector<BYTE> lying = block;
   lying[0] = 0xFF, lying[1] = 0xFF;  // claims more than there is
   EXPECT_FALSE(recorded::FindVersionValue(lying.data(), lying.size(), "\\", &v));
+}
+
+// A version resource keeps its length in 16 bits: texts up to that limit read back whole,
+// longer ones are refused when the machine loads rather than lost when read.
+TEST(MachineSetup, VersionTextsFitTheSixteenBitBlock) {
+  struct Case {
+    std::size_t fileVersion, company;  // characters
+    bool fits;
+  };
+  const Case cases[] = {{32600, 0, true}, {40000, 0, false}, {20000, 13000, false}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.fileVersion) + " + " + std::to_string(c.company));
+    const std::string version = "1.2.3.4 " + std::string(c.fileVersion - 8, 'v');
+    const std::string json = R"({"setup": {"versions": {"C:\\x.dll": {"fileVersion": ")" + version +
+                             R"(", "strings": {"CompanyName": ")" + std::string(c.company, 'c') +
+                             "\"}}}}}";
+    recorded::VersionFacts facts;
+    facts.strings = {{u"FileVersion", std::u16string(version.begin(), version.end())},
+                     {u"CompanyName", std::u16string(c.company, u'c')}};
+    if (!c.fits) {
+      EXPECT_THROW(recorded::BuildVersionBlock(facts), std::length_error);
+      try {
+        RecordedMachine::FromFiles({{"machine.json", json}});
+        ADD_FAILURE() << "loaded";
+      } catch (const RecordError& e) {
+        EXPECT_EQ(
+            std::string(e.what()).rfind(
+                "machine.json: setup.versions.C:\\x.dll: the version resource would take ", 0),
+            0u)
+            << e.what();
+      }
+      continue;
+    }
+    EXPECT_LE(recorded::BuildVersionBlock(facts).size(), recorded::kMaxVersionBlock);
+    auto m = RecordedMachine::FromFiles({{"machine.json", json}});
+    DWORD handle = 0;
+    std::vector<BYTE> data(m->setup().GetFileVersionInfoSizeA("C:\\x.dll", &handle));
+    ASSERT_TRUE(m->setup().GetFileVersionInfoA("C:\\x.dll", 0, static_cast<DWORD>(data.size()),
+                                               data.data()));
+    void* value = nullptr;
+    UINT length = 0;
+    ASSERT_TRUE(m->setup().VerQueryValueA(data.data(), "\\StringFileInfo\\040904b0\\FileVersion",
+                                          &value, &length));
+    EXPECT_EQ(static_cast<const char*>(value), version);
+  }
 }
 
 TEST(MachineSetup, VersionCallsAsTheCollectorMakesThem) {
