@@ -15,10 +15,15 @@ using platform::System;
 
 const std::string kFileSize = "FileSize";
 const std::string kKernelPrefix = "\\??\\";
+// The kernel is asked in whole 64 KiB steps.
 constexpr platform::ULONG kBufferStep = 65536;
 // The kernel's answer for a few page files is far below this; a machine that keeps
 // asking for more is not believed.
 constexpr platform::ULONG kBufferLimit = 64u * 1024 * 1024;
+// Windows keeps at most 16 page files, each answered as a 32-byte record and a name of at
+// most 65,534 bytes with its NUL: 17 steps hold the largest answer even when the kernel
+// reports no length, and one more covers a page file added between two calls.
+constexpr int kMaxAttempts = 18;
 
 platform::BOOL recordPageFile(void* context, platform::ENUM_PAGE_FILE_INFORMATION* info,
                               const char* fileName) {
@@ -132,15 +137,19 @@ void PageFileInfo::readFromKernel(PageFileTable& table) {
   std::unique_ptr<std::uint64_t[]> storage;
   platform::ULONG size = kBufferStep;
   platform::NTSTATUS status = platform::STATUS_INFO_LENGTH_MISMATCH;
-  while (true) {
+  for (int attempt = 1;; ++attempt) {
     storage.reset(new (std::nothrow) std::uint64_t[size / sizeof(std::uint64_t)]);
     if (!storage) return;
     platform::ULONG returned = 0;
     status = system.ZwQuerySystemInformation(platform::SystemPageFileInformation, storage.get(),
                                              size, &returned);
     if (status != platform::STATUS_INFO_LENGTH_MISMATCH) break;
-    if (size > kBufferLimit - kBufferStep) return;
-    size += kBufferStep;
+    // A short buffer's answer is the length needed: ask for that, in whole steps, at once;
+    // one step more when the kernel reports no length beyond what it was given.
+    if (attempt == kMaxAttempts || size > kBufferLimit - kBufferStep || returned > kBufferLimit)
+      return;
+    const platform::ULONG needed = returned > size ? returned : size + 1;
+    size = (needed + kBufferStep - 1) / kBufferStep * kBufferStep;
   }
   if (status != platform::STATUS_SUCCESS) return;
 

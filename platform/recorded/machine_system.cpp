@@ -214,16 +214,24 @@ SystemFacts ReadSystemFacts(const Field& s, UINT codePage) {
   }
   f.zwQuerySystemInformation = ReadLookup(s["ntQuerySystemInformation"], "status");
 
-  for (const Field& pf : s["pageFiles"].items()) {
+  const std::vector<Field> pageFiles = s["pageFiles"].items();
+  if (pageFiles.size() > kMaxPageFiles)
+    s["pageFiles"].fail("expected at most " + std::to_string(kMaxPageFiles) +
+                        " page files, as many as Windows keeps");
+  for (const Field& pf : pageFiles) {
     pf.expectKeys({"name", "kernelName", "totalSize", "inUse", "peak"});
     PageFileFacts file;
     file.name = Ansi(pf["name"].asString(), codePage);
+    const Field kernelName = pf["kernelName"].present() ? pf["kernelName"] : pf["name"];
     file.kernelName =
-        pf["kernelName"].present() ? pf["kernelName"].asString() : "\\??\\" + pf["name"].asString();
+        pf["kernelName"].present() ? kernelName.asString() : "\\??\\" + pf["name"].asString();
     file.totalSize = pf["totalSize"].asUnsigned();
     file.inUse = OptionalUnsigned(pf["inUse"]).value_or(0);
     file.peak = OptionalUnsigned(pf["peak"]).value_or(0);
-    if (Utf8ToWide(file.kernelName).size() * 2 + 2 > 0xFFFF) pf["kernelName"].fail("name too long");
+    // The kernel keeps the name as a counted UTF-16 string whose size, NUL included, is 16-bit.
+    if (Utf8ToWide(file.kernelName).size() > kMaxPageFileName)
+      kernelName.fail("expected a kernel name of at most " + std::to_string(kMaxPageFileName) +
+                      " UTF-16 units");
     f.pageFiles.push_back(file);
   }
 

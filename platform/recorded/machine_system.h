@@ -27,6 +27,11 @@ struct Lookup {
   DWORD error = 0;
 };
 
+// Windows keeps at most 16 page files; the kernel names each with a UNICODE_STRING, whose
+// MaximumLength (the name and its NUL, in bytes) is 16-bit.
+constexpr std::size_t kMaxPageFiles = 16;
+constexpr std::size_t kMaxPageFileName = 0xFFFF / 2 - 1;
+
 struct PageFileFacts {
   std::string name;        // as EnumPageFilesA reports it, "C:\pagefile.sys"
   std::string kernelName;  // as the kernel stores it, "\??\C:\pagefile.sys"

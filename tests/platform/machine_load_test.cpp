@@ -1,5 +1,9 @@
 // Loading recorded machines: directories, refusals that name file and field, the empty
 // machine, the registry inside, and the process-wide current machine.
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -23,8 +27,15 @@ std::string Refusal(const std::map<std::string, std::string>& files) {
 
 TEST(MachineLoad, RefusalsNameFileAndField) {
   struct Case {
-    const char* json;
+    std::string json;
     const char* message;
+  };
+  std::string seventeenPageFiles = R"({"system": {"pageFiles": [)";
+  for (int i = 0; i < 17; ++i)
+    seventeenPageFiles += std::string(i ? "," : "") + R"({"name": "C:\\p.sys", "totalSize": 1})";
+  seventeenPageFiles += "]}}";
+  auto pageFile = [](const std::string& fields) {
+    return R"({"system": {"pageFiles": [{"totalSize": 1, )" + fields + "}]}}";
   };
   const Case cases[] = {
       {R"({"system": {"version": {"major": -5, "minor": 1}}})",
@@ -49,6 +60,13 @@ TEST(MachineLoad, RefusalsNameFileAndField) {
        "machine.json: wmi.classes.X[0].D.date: expected a date"},
       {R"({"system": {"pageFiles": [{"name": "C:\\p.sys"}]}})",
        "machine.json: system.pageFiles[0].totalSize: expected an unsigned integer"},
+      {seventeenPageFiles,
+       "machine.json: system.pageFiles: expected at most 16 page files, as many as Windows keeps"},
+      {pageFile(R"("name": "C:\\p.sys", "kernelName": ")" + std::string(32767, 'k') + "\""),
+       "machine.json: system.pageFiles[0].kernelName: expected a kernel name of at most 32766"},
+      // Without a kernel name, the kernel's is \??\ and the name.
+      {pageFile(R"("name": ")" + std::string(32763, 'n') + "\""),
+       "machine.json: system.pageFiles[0].name: expected a kernel name of at most 32766"},
       {R"({"net": {"users": {"records": [{"name": "a", "flags": "x"}]}}})",
        "machine.json: net.users.records[0].flags: expected a result code"},
       {R"({"wmi": {"classes": {"X": {"wmic": "gone.wmi"}}}})",
@@ -59,7 +77,7 @@ TEST(MachineLoad, RefusalsNameFileAndField) {
       {R"({"system": )", "machine.json: not JSON"},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.json);
+    SCOPED_TRACE(c.json.substr(0, 200));
     EXPECT_EQ(Refusal({{"machine.json", c.json}}).rfind(c.message, 0), 0u)
         << Refusal({{"machine.json", c.json}});
   }
@@ -137,6 +155,35 @@ TEST(MachineLoad, DirectoryBringsRegistryFilesAndFacts) {
   size = sizeof user;
   EXPECT_TRUE(m->net().GetUserNameA(user, &size));
   EXPECT_NE(m->system().OpenTextFile("C:\\WINDOWS\\INF\\SYSOC.INF"), nullptr);
+}
+
+// A machine folder may hold far more than its calls read: a file outside the layout is
+// never read, and one under files/ only when a call opens it. The two 64 GiB files are
+// sparse; reading either would take the memory of the machine.
+TEST(MachineLoad, FolderFilesAreReadWhenUsed) {
+  namespace fs = std::filesystem;
+  const fs::path dir =
+      fs::path(::testing::TempDir()) / ("machine-files-" + std::to_string(::getpid()));
+  fs::create_directories(dir / "files" / "C");
+  fs::create_directories(dir / "registry");
+  std::ofstream(dir / "registry" / "a.reg")
+      << "Windows Registry Editor Version 5.00\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\T]\n";
+  std::ofstream(dir / "files" / "C" / "boot.ini") << "[boot loader]\ntimeout=30\n";
+  for (const fs::path& big : {dir / "notes.bin", dir / "files" / "C" / "pagefile.sys"}) {
+    std::ofstream(big).close();
+    fs::resize_file(big, std::uintmax_t{64} << 30);
+  }
+  auto m = RecordedMachine::Load(dir.string());
+  HKEY key = nullptr;
+  EXPECT_EQ(m->registry().RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\T", 0, KEY_READ, &key),
+            ERROR_SUCCESS);
+  m->registry().RegCloseKey(key);
+  auto in = m->system().OpenTextFile("C:\\BOOT.INI");
+  ASSERT_NE(in, nullptr);
+  std::string line;
+  std::getline(*in, line);
+  EXPECT_EQ(line, "[boot loader]");
+  fs::remove_all(dir);
 }
 
 TEST(MachineLoad, CurrentMachineIsTheInstalledOne) {

@@ -190,6 +190,31 @@ TEST(MachineSystem, PageFilesThroughPsapiAndNtdll) {
   EXPECT_EQ(second->PeakUsage, 9u);
 }
 
+// The most a machine holds: 16 page files, kernel names of 32,766 units. Each entry is the
+// 32-byte record and 65,534 bytes of name, 8-byte aligned.
+TEST(MachineSystem, LargestPageFileAnswer) {
+  std::string files;
+  for (int i = 0; i < 16; ++i) {
+    files += std::string(i ? "," : "") +
+             R"({"name": "C:\\p.sys", "totalSize": 1, "kernelName": ")" +
+             std::string(32766, static_cast<char>('a' + i)) + "\"}";
+  }
+  auto m = WithSystem(R"({"ntQuerySystemInformation": true, "pageFiles": [)" + files + "]}");
+  ULONG needed = 0;
+  EXPECT_EQ(m->system().ZwQuerySystemInformation(SystemPageFileInformation, nullptr, 0, &needed),
+            STATUS_INFO_LENGTH_MISMATCH);
+  EXPECT_EQ(needed, 16u * 65568u);
+  std::vector<std::uint64_t> buffer(needed / 8);
+  ASSERT_EQ(m->system().ZwQuerySystemInformation(SystemPageFileInformation, buffer.data(), needed,
+                                                 &needed),
+            STATUS_SUCCESS);
+  const auto* last = reinterpret_cast<const SYSTEM_PAGEFILE_INFORMATION*>(
+      reinterpret_cast<const BYTE*>(buffer.data()) + 15 * 65568);
+  EXPECT_EQ(last->PageFileName.MaximumLength, 65534u);
+  EXPECT_EQ(last->PageFileName.Buffer[32765], u'p');
+  EXPECT_EQ(last->PageFileName.Buffer[32766], 0);
+}
+
 TEST(MachineSystem, StubbedPageFileSourcesFailAsRecorded) {
   auto m = WithSystem(R"({"psapi": {"enumPageFiles": {"error": 120}},
       "ntQuerySystemInformation": {"status": "0xC0000002"}})");

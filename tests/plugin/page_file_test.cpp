@@ -1,6 +1,7 @@
 // Page files through psapi, and through the kernel's page-file information when psapi
 // cannot enumerate them.
 #include <cstring>
+#include <functional>
 #include <set>
 
 #include "plugin/frame_fixture.h"
@@ -130,16 +131,79 @@ TEST_F(PageFileTest, KernelFallbackStripsTheObjectPrefix) {
             "PageFileInfo::getPagefileInfocannot retrieve EnumPageFilesA Function from psapi.dll.");
 }
 
-TEST_F(PageFileTest, KernelFallbackGrowsTheBufferBy64KiB) {
+// The kernel is asked in 64 KiB steps: at once for the length a short buffer's answer
+// reports, one step more when it reports none that helps, and never past what Windows can
+// answer or a kernel that will not be satisfied.
+TEST_F(PageFileTest, KernelFallbackAsksForTheLengthNeeded) {
   present.erase("psapi.dll!EnumPageFilesA");
-  std::vector<ULONG> lengths;
-  machine->fake.pageFileInformation = [&lengths](void* buffer, ULONG length, ULONG* returned) {
-    lengths.push_back(length);
-    if (length < 3 * 65536) return platform::STATUS_INFO_LENGTH_MISMATCH;
-    return writeEntries({{u"\\??\\C:\\pagefile.sys", 1}}, buffer, length, returned);
+  constexpr ULONG kStep = 65536;
+  constexpr ULONG kNever = 0xFFFFFFFF;
+  auto steps = [](ULONG first, ULONG last) {
+    std::vector<ULONG> lengths;
+    for (ULONG n = first; n <= last; ++n) lengths.push_back(n * kStep);
+    return lengths;
   };
-  EXPECT_EQ(collect(), (Files{{"C:\\pagefile.sys", "4096"}}));
-  EXPECT_EQ(lengths, (std::vector<ULONG>{65536, 131072, 196608}));
+  struct Case {
+    const char* what;
+    std::function<ULONG(ULONG length)> need;
+    std::function<ULONG(ULONG length, ULONG need)> reported;
+    std::vector<ULONG> lengths;
+  };
+  const auto exact = [](ULONG, ULONG need) { return need; };
+  const auto none = [](ULONG, ULONG) { return ULONG{0}; };
+  const Case cases[] = {
+      {"no length", [](ULONG) { return 3 * kStep; }, none, steps(1, 3)},
+      {"the length needed", [](ULONG) { return ULONG{200000}; }, exact, {kStep, 4 * kStep}},
+      {"less than it was given", [](ULONG) { return ULONG{140000}; },
+       [](ULONG, ULONG) { return ULONG{10}; }, steps(1, 3)},
+      // 16 page files, each a record and a name of 32,766 units with its NUL, 8-byte aligned.
+      {"the largest answer", [](ULONG) { return ULONG{16 * 65568}; }, exact, {kStep, 17 * kStep}},
+      {"more than is believed", [](ULONG) { return kNever; }, exact, {kStep}},
+      {"never enough, no length", [](ULONG) { return kNever; }, none, steps(1, 18)},
+      {"a page file more on every call", [](ULONG length) { return length + 1; }, exact,
+       steps(1, 18)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<ULONG> lengths;
+    machine->fake.pageFileInformation = [&](void* buffer, ULONG length, ULONG* returned) {
+      lengths.push_back(length);
+      const ULONG need = c.need(length);
+      if (length < need) {
+        *returned = c.reported(length, need);
+        return platform::STATUS_INFO_LENGTH_MISMATCH;
+      }
+      return writeEntries({{u"\\??\\C:\\pagefile.sys", 1}}, buffer, length, returned);
+    };
+    const Files files = collect();
+    EXPECT_EQ(lengths, c.lengths);
+    EXPECT_EQ(files.size(), c.need(c.lengths.back()) <= c.lengths.back() ? 1u : 0u);
+  }
+}
+
+// The recorded kernel answers as Windows does, with the length needed: 16 page files with
+// 32,000-character names take two calls, not one per 64 KiB.
+TEST_F(PageFileTest, KernelFallbackOnLongRecordedNames) {
+  present.erase("psapi.dll!EnumPageFilesA");
+  std::string pageFiles;
+  for (int i = 0; i < 16; ++i) {
+    pageFiles += std::string(i ? "," : "") + R"({"name": "C:\\p)" + std::to_string(i) +
+                 R"(.sys", "kernelName": "\\??\\C:\\)" + std::string(32000, 'x') +
+                 std::to_string(i) + R"(", "totalSize": 1})";
+  }
+  auto recorded = platform::recorded::RecordedMachine::FromFiles(
+      {{"machine.json",
+        R"({"system": {"pageFiles": [)" + pageFiles + R"(], "ntQuerySystemInformation": true}})"}});
+  std::vector<ULONG> lengths;
+  machine->fake.pageFileInformation = [&](void* buffer, ULONG length, ULONG* returned) {
+    lengths.push_back(length);
+    return recorded->system().ZwQuerySystemInformation(platform::SystemPageFileInformation, buffer,
+                                                       length, returned);
+  };
+  const Files files = collect();
+  ASSERT_EQ(files.size(), 16u);
+  EXPECT_EQ(files[0].first, "C:\\" + std::string(32000, 'x') + "0");
+  EXPECT_EQ(lengths, (std::vector<ULONG>{65536, 16 * 65536}));
 }
 
 TEST_F(PageFileTest, KernelFailureOrNoKernelFunctionLeavesNoInstances) {
