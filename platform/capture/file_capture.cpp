@@ -2,8 +2,10 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <istream>
 #include <iterator>
+#include <map>
 #include <set>
 #include <vector>
 
@@ -84,24 +86,50 @@ class FileReader {
   CapturedFiles result;
 
  private:
-  // Copies sysoc.inf and the INF files it names; answers the setup DLLs named.
+  // Copies sysoc.inf and the INF files it names; answers the setup DLLs whose version the
+  // component reader looks for: those of lines whose INF file lists components, read as it
+  // reads them (one index past the last line, a missing field keeping the line before's).
+  // A DLL named on a line without such a file is never looked for, so neither is it here.
   std::set<std::string> componentFiles(const std::string& infDirectory) {
     std::set<std::string> dlls;
     const std::string master = infDirectory + "\\sysoc.inf";
     if (!copy(master)) return dlls;
     HINF inf = setup_.SetupOpenInfFileA(master.c_str(), nullptr, INF_STYLE_WIN4, nullptr);
     if (inf == INVALID_HANDLE_VALUE) return dlls;
-    const LONG lines = setup_.SetupGetLineCountA(inf, "Components");
-    for (LONG i = 0; i < lines && i < kMaxInfLines; ++i) {
-      INFCONTEXT context{};
-      if (!setup_.SetupGetLineByIndexA(inf, "Components", static_cast<DWORD>(i), &context))
-        continue;
-      const std::string dll = field(context, 1), componentInf = field(context, 3);
-      if (!componentInf.empty()) copy(infDirectory + "\\" + componentInf);
-      if (!dll.empty()) dlls.insert(dll);
+    INFCONTEXT context{};
+    if (setup_.SetupFindFirstLineA(inf, "Components", nullptr, &context)) {
+      char infName[256] = {}, dllName[256] = {};
+      const LONG lines = setup_.SetupGetLineCountA(inf, "Components");
+      for (LONG i = 0; i <= lines && i <= kMaxInfLines; ++i) {
+        setup_.SetupGetLineByIndexA(inf, "Components", static_cast<DWORD>(i), &context);
+        setup_.SetupGetStringFieldA(&context, 3, infName, sizeof infName, nullptr);
+        setup_.SetupGetStringFieldA(&context, 1, dllName, sizeof dllName, nullptr);
+        const std::string componentInf(infName, strnlen(infName, sizeof infName));
+        const std::string dll(dllName, strnlen(dllName, sizeof dllName));
+        if (!componentInf.empty() && listsComponents(infDirectory + "\\" + componentInf) &&
+            !dll.empty())
+          dlls.insert(dll);
+      }
     }
     setup_.SetupCloseInfFile(inf);
     return dlls;
+  }
+
+  // Copies a component INF file; true when it opens and lists optional components.
+  bool listsComponents(const std::string& path) {
+    const auto known = listsComponents_.find(path);
+    if (known != listsComponents_.end()) return known->second;
+    bool lists = false;
+    if (copy(path)) {
+      HINF inf = setup_.SetupOpenInfFileA(path.c_str(), nullptr, INF_STYLE_WIN4, nullptr);
+      if (inf != INVALID_HANDLE_VALUE) {
+        INFCONTEXT context{};
+        lists = setup_.SetupFindFirstLineA(inf, "optional components", nullptr, &context) &&
+                setup_.SetupGetLineCountA(inf, "optional components") > 0;
+        setup_.SetupCloseInfFile(inf);
+      }
+    }
+    return listsComponents_[path] = lists;
   }
 
   // Where a read of `path` lands: with redirection on, a 32-bit process on 64-bit Windows
@@ -120,13 +148,6 @@ class FileReader {
   // here; else the path the reader gave, which this process's redirection takes there.
   std::string toOpen(const std::string& path, const std::string& target) const {
     return redirectionOff_ ? target : path;
-  }
-
-  std::string field(INFCONTEXT& context, DWORD index) {
-    char text[256] = {};
-    DWORD needed = 0;
-    if (!setup_.SetupGetStringFieldA(&context, index, text, sizeof text, &needed)) return {};
-    return text;
   }
 
   // Copies a file the machine opens as text, where a reader with redirection on finds it;
@@ -245,6 +266,7 @@ class FileReader {
   void* previousRedirection_ = nullptr;
   std::string windowsDirectory_;
   std::set<std::string> missing_;  // files found nowhere, by recorded path
+  std::map<std::string, bool> listsComponents_;
 };
 
 }  // namespace

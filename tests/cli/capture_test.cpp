@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
@@ -357,11 +358,26 @@ TEST_F(ComponentCaptureTest, ComponentsReplayAsTheirSource) {
         "Name=B|INFName=C:\\Windows\\inf\\b.inf|IdentifyingNumber=3.2|",
         "Name=C|INFName=C:\\Windows\\inf\\c.inf|IdentifyingNumber=3.2.1|",
         "Name=ntbackup|INFName=|IdentifyingNumber=6.4.2|"}},
+      {"DLLs of lines without a component file are never looked for",
+       {{"machine.json", R"j({"system": {"windowsDirectory": "C:\\Windows",
+             "environment": {"PATH": "C:\\Tools"}}, "setup": {"versions": {
+             "C:\\Tools\\unused.dll": {"fileVersion": "1.0"},
+             "C:\\Tools\\kept.dll": {"fileVersion": "2.0"}}}})j"},
+        {"files/C/Windows/inf/sysoc.inf",
+         std::string(kInfHeader) +
+             "[Components]\nU=unused.dll\nE=unused.dll,E,empty.inf\nK=kept.dll,E,k.inf\n"
+             "L=\n"},
+        {"files/C/Windows/inf/empty.inf", std::string(kInfHeader) + "[Optional Components]\n"},
+        {"files/C/Windows/inf/k.inf", std::string(kInfHeader) + "[Optional Components]\nK\n"}},
+       {"Name=K|INFName=C:\\Windows\\inf\\k.inf|IdentifyingNumber=2.0|"}},
   };
   for (const Case& c : cases) {
     fs::remove_all(scratch);
     fs::create_directories(scratch);
     const fs::path captured = captureOf(c.files);
+    std::ifstream json(captured / "machine.json");
+    const std::string facts((std::istreambuf_iterator<char>(json)), {});
+    EXPECT_EQ(facts.find("unused.dll"), std::string::npos) << c.name;
     const std::string original = Components(scratch / "source");
     for (const std::string& shown : c.mustShow)
       EXPECT_NE(original.find(shown), std::string::npos) << c.name << ": " << shown;
