@@ -1,5 +1,6 @@
 #include "collectors/os/page_file_info.h"
 
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -105,7 +106,10 @@ std::uint64_t PageFileInfo::buildCIMInstances(const std::string& className,
     PropertyMap properties;
     properties[kPropCreationClassName] = NKestovaTessil20::TCIMValue(kClassPageFile);
     properties[kPropName] = NKestovaTessil20::TCIMValue(pageFile.first);
-    const unsigned long long bytes = static_cast<unsigned long long>(pageFile.second) * pageSize;
+    // A size that 64 bits cannot hold is left out, as an unknown one is, rather than wrapped.
+    const unsigned long long pages = pageFile.second;
+    const unsigned long long bytes =
+        pageSize != 0 && pages <= ULLONG_MAX / pageSize ? pages * pageSize : 0;
     if (bytes != 0) properties[kFileSize] = NKestovaTessil20::TCIMValue(bytes);
     boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
     buildInstance(instance, properties, className);

@@ -83,6 +83,15 @@ SYSTEMTIME ReadRule(const Field& f) {
   return t;
 }
 
+// Windows runs with 4 KiB pages (x86, x64, ARM) or 8 KiB ones (Itanium); 0 leaves the size
+// unrecorded, as a capture of a machine without one writes it.
+std::uint64_t ReadPageSize(const Field& f) {
+  const std::uint64_t size = OptionalUnsigned(f, UINT64_MAX).value_or(0);
+  if (size != 0 && size != 4096 && size != 8192)
+    f.fail("expected a page size of Windows, 4096 or 8192 (or 0 for none)");
+  return size;
+}
+
 void ReadVersion(const Field& v, SystemFacts& facts, UINT codePage) {
   facts.hasVersion = true;
   if (v["error"].present()) {
@@ -132,7 +141,7 @@ SystemFacts ReadSystemFacts(const Field& s, UINT codePage) {
   p.expectKeys({"architecture", "pageSize", "count", "level", "revision"});
   f.info.wProcessorArchitecture =
       static_cast<WORD>(OptionalUnsigned(p["architecture"], 0xFFFF).value_or(0));
-  f.info.dwPageSize = static_cast<DWORD>(OptionalUnsigned(p["pageSize"]).value_or(0));
+  f.info.dwPageSize = static_cast<DWORD>(ReadPageSize(p["pageSize"]));
   f.info.dwNumberOfProcessors = static_cast<DWORD>(OptionalUnsigned(p["count"], 64).value_or(0));
   f.info.wProcessorLevel = static_cast<WORD>(OptionalUnsigned(p["level"], 0xFFFF).value_or(0));
   f.info.wProcessorRevision =
@@ -204,7 +213,7 @@ SystemFacts ReadSystemFacts(const Field& s, UINT codePage) {
         pf.KernelTotal = z("kernelTotal");
         pf.KernelPaged = z("kernelPaged");
         pf.KernelNonpaged = z("kernelNonpaged");
-        pf.PageSize = z("pageSize");
+        pf.PageSize = static_cast<SIZE_T>(ReadPageSize(pi["pageSize"]));
         pf.HandleCount = static_cast<DWORD>(OptionalUnsigned(pi["handleCount"]).value_or(0));
         pf.ProcessCount = static_cast<DWORD>(OptionalUnsigned(pi["processCount"]).value_or(0));
         pf.ThreadCount = static_cast<DWORD>(OptionalUnsigned(pi["threadCount"]).value_or(0));

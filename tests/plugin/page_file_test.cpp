@@ -107,6 +107,30 @@ TEST_F(PageFileTest, NoSizeWhenPerformanceInfoFailsOrTheFileIsEmpty) {
   EXPECT_EQ(collect(), (Files{{"C:\\pagefile.sys", "<unset>"}}));
 }
 
+TEST_F(PageFileTest, SizeThat64BitsCannotHoldIsLeftOut) {
+  struct Case {
+    std::size_t pages, pageSize;
+    const char* fileSize;
+  };
+  const Case cases[] = {
+      {3, std::size_t{1} << 63, "<unset>"},
+      {2, std::size_t{1} << 63, "<unset>"},  // wraps to exactly 0
+      {1, std::size_t{1} << 63, "9223372036854775808"},
+      {std::size_t{1} << 51, 8192, "<unset>"},
+      {(std::size_t{1} << 51) - 1, 8192, "18446744073709543424"},
+      {0xFFFFFFFF, 4096, "17592186040320"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.pages) + " x " + std::to_string(c.pageSize));
+    machine->fake.performanceInfo = [&c](platform::PERFORMANCE_INFORMATION* info) {
+      info->PageSize = c.pageSize;
+      return platform::TRUE;
+    };
+    psapiFiles = {{"C:\\pagefile.sys", c.pages}};
+    EXPECT_EQ(collect(), (Files{{"C:\\pagefile.sys", c.fileSize}}));
+  }
+}
+
 TEST_F(PageFileTest, NoPsapiNoInstancesNoMessages) {
   present.erase("psapi.dll");
   psapiFiles = {{"C:\\pagefile.sys", 10}};
