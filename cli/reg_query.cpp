@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 #include <vector>
 
@@ -22,6 +23,12 @@ using platform::recorded::AnsiToWide;
 using platform::recorded::Utf8ToWide;
 using platform::recorded::WideToAnsi;
 using platform::recorded::WideToUtf8;
+
+// Windows' own bounds: 512 levels of keys, names of 16,383 characters (value names; key
+// names stop at 255), up to two bytes each in a double-byte code page.
+constexpr size_t kMaxDepth = 512;
+constexpr size_t kMaxNameBuffer = 2 * 16383 + 2;
+constexpr unsigned kMaxRetries = 8;
 
 const char kNotFound[] =
     "ERROR: The system was unable to find the specified registry key or value.";
@@ -106,27 +113,36 @@ class Query {
     return hex;
   }
 
-  void key(HKEY key, const std::string& path, bool recursive) {
+  // `depth` counts the levels of `path` below its root.
+  void key(HKEY key, const std::string& path, bool recursive, size_t depth) {
     out_ << path << "\n";
-    DWORD subKeys = 0, values = 0, maxName = 0, maxData = 0;
-    reg_.RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subKeys, nullptr, nullptr, &values,
+    DWORD subKeys = 0, values = 0, maxSubKey = 0, maxName = 0, maxData = 0;
+    reg_.RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subKeys, &maxSubKey, nullptr, &values,
                           &maxName, &maxData, nullptr, nullptr);
     // Lengths come as UTF-16 counts; a double-byte code page needs up to twice as many.
     std::vector<char> name(maxName * 2 + 2);
     std::vector<BYTE> data(maxData + 2);
     DWORD printed = 0;
+    unsigned retries = 0;
     for (DWORD i = 0;; ++i) {
       DWORD nameLength = static_cast<DWORD>(name.size());
       DWORD dataLength = static_cast<DWORD>(data.size());
       DWORD type = 0;
       const LONG rc = reg_.RegEnumValueA(key, i, name.data(), &nameLength, nullptr, &type,
                                          data.data(), &dataLength);
-      if (rc == platform::ERROR_MORE_DATA) {
-        name.resize(name.size() * 2);
+      // Grow to what the value needs; a live key may change under us, so give up on a
+      // value that still does not fit after a few tries.
+      if (rc == platform::ERROR_MORE_DATA && ++retries <= kMaxRetries) {
+        name.resize(std::min(name.size() * 2, kMaxNameBuffer));
         data.resize(std::max<size_t>(data.size(), dataLength));
         --i;
         continue;
       }
+      if (rc == platform::ERROR_MORE_DATA) {
+        retries = 0;
+        continue;
+      }
+      retries = 0;
       if (rc != platform::ERROR_SUCCESS) break;
       const std::string shown =
           nameLength ? utf8(std::string(name.data(), nameLength)) : std::string("(Default)");
@@ -136,19 +152,32 @@ class Query {
     }
     if (printed || recursive) out_ << "\n";
 
-    std::vector<char> subName(512);
+    std::vector<char> subName(std::max<size_t>(maxSubKey * 2 + 2, 512));
     DWORD listed = 0;
     for (DWORD i = 0;; ++i) {
       DWORD length = static_cast<DWORD>(subName.size());
       const LONG rc =
           reg_.RegEnumKeyExA(key, i, subName.data(), &length, nullptr, nullptr, nullptr, nullptr);
+      // A name longer than the key said: grow, and past any name Windows allows, skip it
+      // rather than end the listing there.
+      if (rc == platform::ERROR_MORE_DATA && subName.size() < kMaxNameBuffer) {
+        subName.resize(std::min(subName.size() * 2, kMaxNameBuffer));
+        --i;
+        continue;
+      }
+      if (rc == platform::ERROR_MORE_DATA) continue;
       if (rc != platform::ERROR_SUCCESS) break;
       const std::string subPath = path + "\\" + utf8(std::string(subName.data(), length));
       if (recursive) {
+        // A name that stops at a NUL before its end would reopen another key (the key
+        // itself, for a leading NUL) and recurse without end; such a key cannot be opened
+        // by its name. Below 512 levels nothing can exist, so a loop of registry links
+        // ends there too.
+        if (std::strlen(subName.data()) != length || depth + 1 >= kMaxDepth) continue;
         HKEY sub = nullptr;
         // A sub-key opened without the view flag would fall back to the process's view.
         if (reg_.RegOpenKeyExA(key, subName.data(), 0, access_, &sub) == platform::ERROR_SUCCESS) {
-          this->key(sub, subPath, true);
+          this->key(sub, subPath, true, depth + 1);
           reg_.RegCloseKey(sub);
         }
       } else {
@@ -204,8 +233,10 @@ int RunRegQuery(platform::Registry& reg, const std::string& keyPath, bool recurs
     return 1;
   }
   out << "\n";
-  Query(reg, out, codePage, access)
-      .key(key, rest.empty() ? root->longName : root->longName + ("\\" + rest), recursive);
+  const std::string shown = rest.empty() ? root->longName : root->longName + ("\\" + rest);
+  size_t depth = 0;
+  for (char c : shown) depth += c == '\\';
+  Query(reg, out, codePage, access).key(key, shown, recursive, depth);
   reg.RegCloseKey(key);
   return 0;
 }

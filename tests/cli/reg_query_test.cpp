@@ -2,7 +2,11 @@
 // kplatform, which this executable links.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <cstring>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "cli/reg_query.h"
 #include "platform/recorded/recorded_registry.h"
@@ -139,4 +143,107 @@ TEST(RegQuery, ViewsOfA32BitProcess) {
     EXPECT_EQ(err.str(), "");
   }
   EXPECT_EQ(reg.openHandleCount(), 0u);
+}
+
+namespace {
+
+// A live registry that reg query cannot trust: every key holds the same sub-keys and any
+// open answers that key again, as a loop of registry links does; the names may begin
+// with a NUL (a key hidden from the Win32 calls) or exceed what the key's info reported.
+class LoopRegistry : public platform::Registry {
+ public:
+  LoopRegistry(std::vector<std::string> names, platform::DWORD reportedLength)
+      : names_(std::move(names)), reportedLength_(reportedLength) {}
+
+  platform::LONG RegOpenKeyExA(platform::HKEY, const char*, platform::DWORD, platform::REGSAM,
+                               platform::HKEY* result) override {
+    *result = reinterpret_cast<platform::HKEY>(std::uintptr_t{0x1000});
+    ++open_;
+    return platform::ERROR_SUCCESS;
+  }
+  platform::LONG RegCloseKey(platform::HKEY) override {
+    --open_;
+    return platform::ERROR_SUCCESS;
+  }
+  platform::LONG RegQueryInfoKeyA(platform::HKEY, char*, platform::DWORD*, platform::DWORD*,
+                                  platform::DWORD* subKeys, platform::DWORD* maxSubKeyLength,
+                                  platform::DWORD*, platform::DWORD* values,
+                                  platform::DWORD* maxValueNameLength,
+                                  platform::DWORD* maxValueLength, platform::DWORD*,
+                                  platform::FILETIME*) override {
+    for (platform::DWORD* zero : {values, maxValueNameLength, maxValueLength}) {
+      if (zero) *zero = 0;
+    }
+    if (subKeys) *subKeys = static_cast<platform::DWORD>(names_.size());
+    if (maxSubKeyLength) *maxSubKeyLength = reportedLength_;
+    return platform::ERROR_SUCCESS;
+  }
+  platform::LONG RegEnumKeyExA(platform::HKEY, platform::DWORD index, char* name,
+                               platform::DWORD* nameLength, platform::DWORD*, char*,
+                               platform::DWORD*, platform::FILETIME*) override {
+    if (index >= names_.size()) return platform::ERROR_NO_MORE_ITEMS;
+    const std::string& text = names_[index];
+    if (text.size() >= *nameLength) return platform::ERROR_MORE_DATA;
+    std::memcpy(name, text.c_str(), text.size() + 1);
+    *nameLength = static_cast<platform::DWORD>(text.size());
+    return platform::ERROR_SUCCESS;
+  }
+  platform::LONG RegEnumValueA(platform::HKEY, platform::DWORD, char*, platform::DWORD*,
+                               platform::DWORD*, platform::DWORD*, platform::BYTE*,
+                               platform::DWORD*) override {
+    return platform::ERROR_NO_MORE_ITEMS;
+  }
+  platform::LONG RegQueryValueExA(platform::HKEY, const char*, platform::DWORD*, platform::DWORD*,
+                                  platform::BYTE*, platform::DWORD*) override {
+    return platform::ERROR_FILE_NOT_FOUND;
+  }
+
+  int open_ = 0;
+
+ private:
+  std::vector<std::string> names_;
+  platform::DWORD reportedLength_;
+};
+
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+}  // namespace
+
+// /s opened each sub-key by its name as a C string: a name starting with NUL reopened the
+// key itself and the recursion never ended. Such a key is listed but not entered, and a
+// loop of links stops where Windows' 512 levels end. A name longer than the key reported
+// is read with a larger buffer instead of ending the listing.
+TEST(RegQuery, UntrustworthyNamesEndTheWalk) {
+  const std::string hidden("\0x", 2);
+  const std::string longName = "K" + std::string(600, 'x');
+  const struct {
+    const char* what;
+    std::vector<std::string> names;
+    platform::DWORD reportedLength;
+    bool recursive;
+    size_t keysPrinted;
+  } cases[] = {
+      {"hidden key, listed", {hidden, "k"}, 2, false, 3},
+      {"hidden key and a loop, /s", {hidden, "k"}, 2, true, 511},
+      {"name longer than reported", {longName, "Later"}, 5, false, 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    LoopRegistry reg(c.names, c.reportedLength);
+    std::ostringstream out, err;
+    ASSERT_EQ(iac::RunRegQuery(reg, "HKLM\\SOFTWARE", c.recursive, out, err), 0);
+    EXPECT_EQ(Count(out.str(), "HKEY_LOCAL_MACHINE\\SOFTWARE"), c.keysPrinted);
+    EXPECT_EQ(reg.open_, 0);
+    if (c.recursive) {
+      EXPECT_EQ(out.str().find('\0'), std::string::npos);
+    } else {
+      EXPECT_NE(out.str().find("HKEY_LOCAL_MACHINE\\SOFTWARE\\" + c.names[1] + "\n"),
+                std::string::npos)
+          << out.str();
+    }
+  }
 }
