@@ -1,5 +1,6 @@
 #include "platform/recorded/file_source.h"
 
+#include <fstream>
 #include <vector>
 
 #include "platform/recorded/machine_text.h"
@@ -50,14 +51,36 @@ std::string FileSource::Key(const std::string& windowsPath) {
 }
 
 void FileSource::add(const std::string& relative, std::string bytes) {
-  files_[Join(Names(relative))] = std::move(bytes);
+  std::lock_guard<std::mutex> lock(mutex_);
+  files_[Join(Names(relative))] = Entry{std::string(), std::move(bytes), true, true};
+}
+
+void FileSource::addFile(const std::string& relative, std::string diskPath) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  files_[Join(Names(relative))] = Entry{std::move(diskPath), std::string(), false, true};
 }
 
 const std::string* FileSource::find(const std::string& windowsPath) const {
   std::string key = Key(windowsPath);
   if (key.empty()) return nullptr;
+  std::lock_guard<std::mutex> lock(mutex_);
   auto it = files_.find(key);
-  return it == files_.end() ? nullptr : &it->second;
+  if (it == files_.end()) return nullptr;
+  Entry& entry = it->second;
+  if (!entry.read) {
+    entry.read = true;
+    std::ifstream in(entry.diskPath, std::ios::binary | std::ios::ate);
+    const std::streamoff size = in ? static_cast<std::streamoff>(in.tellg()) : -1;
+    try {
+      entry.bytes.resize(size >= 0 ? static_cast<size_t>(size) : 0);
+      in.seekg(0);
+      entry.readable = size >= 0 && (size == 0 || in.read(&entry.bytes[0], size));
+    } catch (const std::exception&) {  // larger than memory: as unreadable
+      entry.readable = false;
+    }
+    if (!entry.readable) std::string().swap(entry.bytes);
+  }
+  return entry.readable ? &entry.bytes : nullptr;
 }
 
 }  // namespace platform::recorded

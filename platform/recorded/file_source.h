@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <mutex>
 #include <string>
 
 #include "platform/export.h"
@@ -13,7 +14,11 @@ class KPLATFORM_API FileSource {
  public:
   // `relative` is the path under files/, with '/' (or '\') between names.
   void add(const std::string& relative, std::string bytes);
-  // The bytes of the file at a Windows path such as "C:\boot.ini"; null when absent.
+  // A file on disk, read when it is first asked for: a machine folder may hold far more
+  // than the calls ever open.
+  void addFile(const std::string& relative, std::string diskPath);
+  // The bytes of the file at a Windows path such as "C:\boot.ini"; null when absent (or
+  // when a file on disk can no longer be read).
   const std::string* find(const std::string& windowsPath) const;
   bool empty() const { return files_.empty(); }
 
@@ -22,7 +27,14 @@ class KPLATFORM_API FileSource {
   static std::string Key(const std::string& windowsPath);
 
  private:
-  std::map<std::string, std::string> files_;
+  struct Entry {
+    std::string diskPath;  // empty: `bytes` were given
+    std::string bytes;
+    bool read = false;
+    bool readable = true;
+  };
+  mutable std::mutex mutex_;  // guards the reading of files on disk
+  mutable std::map<std::string, Entry> files_;
 };
 
 }  // namespace platform::recorded

@@ -1,10 +1,12 @@
 #include "platform/recorded/recorded_machine.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <optional>
-#include <sstream>
 #include <stdexcept>
+#include <vector>
 
 #include "platform/recorded/hive_registry.h"
 #include "platform/recorded/machine_json.h"
@@ -20,6 +22,17 @@ namespace platform::recorded {
 
 namespace fs = std::filesystem;
 
+// What a machine is built from: its files by relative path (with '/'), in name order, and
+// how to read one. A directory's files are read only when the machine uses them (one .reg
+// export at a time, files/ when a call opens them), so that whatever else lies in the
+// folder costs nothing and memory follows what is loaded.
+struct RecordedMachine::Source {
+  std::vector<std::string> names;
+  std::function<std::string(const std::string&)> read;
+  // Files on disk (empty from memory): hive files are read in place by libhivex.
+  std::function<std::string(const std::string&)> diskPath;
+};
+
 struct RecordedMachine::Parts {
   MachineState state;
   RecordedRegistry registry;
@@ -34,16 +47,20 @@ namespace {
 
 constexpr const char* kMachineJson = "machine.json";
 
+// Into a buffer of the file's size: no stream copies, so a large export costs its size once.
 std::string ReadFile(const fs::path& path, const std::string& name) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream bytes;
-  if (!in || !(bytes << in.rdbuf())) {
-    // An empty file reads as a failed stream insertion; tell it from an unreadable one.
-    std::error_code ec;
-    if (in && fs::file_size(path, ec) == 0 && !ec) return "";
-    throw RecordError(name + ": cannot read the file");
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  const std::streamoff size = in ? static_cast<std::streamoff>(in.tellg()) : -1;
+  if (size < 0) throw RecordError(name + ": cannot read the file");
+  std::string bytes;
+  try {
+    bytes.resize(static_cast<size_t>(size));
+  } catch (const std::exception&) {  // bad_alloc or length_error
+    throw RecordError(name + ": too large to read (" + std::to_string(size) + " bytes)");
   }
-  return bytes.str();
+  in.seekg(0);
+  if (size > 0 && !in.read(&bytes[0], size)) throw RecordError(name + ": cannot read the file");
+  return bytes;
 }
 
 bool StartsWith(const std::string& text, const std::string& prefix) {
@@ -65,15 +82,19 @@ RecordedMachine::RecordedMachine(std::unique_ptr<Parts> parts) : parts_(std::mov
 RecordedMachine::~RecordedMachine() = default;
 
 std::shared_ptr<RecordedMachine> RecordedMachine::Empty() {
-  return Build({}, {});
+  return Build(Source{{}, nullptr, nullptr});
 }
 
 std::shared_ptr<RecordedMachine> RecordedMachine::FromFiles(
     const std::map<std::string, std::string>& files) {
-  for (const auto& [name, bytes] : files)
+  Source source;
+  for (const auto& [name, bytes] : files) {
     if (StartsWith(name, "hives/"))
       throw RecordError(name + ": hive files are read only from a machine directory");
-  return Build(files, {});
+    source.names.push_back(name);
+  }
+  source.read = [&files](const std::string& name) { return files.at(name); };
+  return Build(source);
 }
 
 std::shared_ptr<RecordedMachine> RecordedMachine::Load(const std::string& directory) {
@@ -81,34 +102,33 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Load(const std::string& direct
   if (!fs::is_directory(directory, ec))
     throw RecordError(directory + ": no such machine directory");
   const fs::path root(directory);
-  std::map<std::string, std::string> files;
-  std::map<std::string, std::string> hives;
+  std::map<std::string, fs::path> paths;
   for (auto it = fs::recursive_directory_iterator(root, ec);
        !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
     if (!it->is_regular_file(ec)) continue;
     // Lexical, so that a linked file keeps its place in the machine (relative() would
     // resolve the link).
-    const std::string relative = it->path().lexically_relative(root).generic_string();
-    if (StartsWith(relative, "hives/")) {
-      hives[relative] = it->path().string();
-    } else {
-      files[relative] = ReadFile(it->path(), relative);
-    }
+    paths[it->path().lexically_relative(root).generic_string()] = it->path();
   }
   if (ec) throw RecordError(directory + ": cannot list the machine directory: " + ec.message());
-  return Build(files, hives);
+  Source source;
+  for (const auto& entry : paths) source.names.push_back(entry.first);
+  source.read = [&paths](const std::string& name) { return ReadFile(paths.at(name), name); };
+  source.diskPath = [&paths](const std::string& name) { return paths.at(name).string(); };
+  return Build(source);
 }
 
-std::shared_ptr<RecordedMachine> RecordedMachine::Build(
-    const std::map<std::string, std::string>& files,
-    const std::map<std::string, std::string>& hives) {
+std::shared_ptr<RecordedMachine> RecordedMachine::Build(const Source& source) {
   auto parts = std::make_unique<Parts>();
   MachineState& state = parts->state;
 
+  auto has = [&source](const std::string& name) {
+    return std::binary_search(source.names.begin(), source.names.end(), name);
+  };
   nlohmann::json json = nlohmann::json::object();
-  if (auto it = files.find(kMachineJson); it != files.end()) {
+  if (has(kMachineJson)) {
     try {
-      json = nlohmann::json::parse(it->second);
+      json = nlohmann::json::parse(source.read(kMachineJson));
     } catch (const nlohmann::json::exception& e) {
       throw RecordError(std::string(kMachineJson) + ": not JSON: " + e.what());
     }
@@ -123,9 +143,13 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Build(
   if (!IsSupportedCodePage(state.codePage) || state.codePage == CP_UTF8)
     codePage.fail("code page " + std::to_string(state.codePage) + " is not supported here");
 
-  auto machineFile = [&files](const std::string& path) -> const std::string* {
-    auto it = files.find(path);
-    return it == files.end() ? nullptr : &it->second;
+  // Files that machine.json names (wmic exports), each read once.
+  std::map<std::string, std::string> named;
+  auto machineFile = [&](const std::string& path) -> const std::string* {
+    if (!has(path)) return nullptr;
+    auto it = named.find(path);
+    if (it == named.end()) it = named.emplace(path, source.read(path)).first;
+    return &it->second;
   };
   SystemFacts system = ReadSystemFacts(top["system"], state.codePage);
   state.wow64Process = system.wow64;
@@ -138,22 +162,27 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Build(
   parts->registry.setCodePage(state.codePage);
   parts->registry.setProcessIs32Bit(system.wow64);
   // Exports in name order, so a later one can add to or override an earlier one.
-  for (const auto& [name, bytes] : files) {
+  for (const std::string& name : source.names) {
     if (StartsWith(name, "files/")) {
-      state.files.add(name.substr(6), bytes);
+      if (source.diskPath) {
+        state.files.addFile(name.substr(6), source.diskPath(name));
+      } else {
+        state.files.add(name.substr(6), source.read(name));
+      }
     } else if (StartsWith(name, "registry/")) {
       if (name.size() > 4 && Lower(name.substr(name.size() - 4)) == ".reg")
-        parts->registry.loadRegFile(name, bytes);
+        parts->registry.loadRegFile(name, source.read(name));
     }
   }
-  for (const auto& [name, path] : hives) {
+  for (const std::string& name : source.names) {
+    if (!StartsWith(name, "hives/")) continue;
     const auto mount = HiveMount(name.substr(6));
     if (!mount)
       throw RecordError(name +
                         ": not a hive this machine mounts (SOFTWARE, SYSTEM, NTUSER.DAT, BCD)");
     if (!HiveFilesSupported())
       throw RecordError(name + ": hive files cannot be read in this build");
-    parts->registry.loadHive(path, *mount);
+    parts->registry.loadHive(source.diskPath(name), *mount);
   }
 
   parts->system = std::make_unique<RecordedSystem>(std::move(system), state);

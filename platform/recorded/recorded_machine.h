@@ -47,11 +47,11 @@ class KPLATFORM_API RecordedMachine : public Machine {
   RecordedSetup& recordedSetup();
 
   struct Parts;
+  struct Source;
 
  private:
   explicit RecordedMachine(std::unique_ptr<Parts> parts);
-  static std::shared_ptr<RecordedMachine> Build(const std::map<std::string, std::string>& files,
-                                                const std::map<std::string, std::string>& hives);
+  static std::shared_ptr<RecordedMachine> Build(const Source& source);
   std::unique_ptr<Parts> parts_;
 };
 
