@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <numeric>
 
+#include "platform/recorded/codepage.h"
 #include "platform/recorded/record_error.h"
 
 namespace platform {
@@ -57,48 +58,83 @@ bool NamesEqual(const std::u16string& a, const std::u16string& b) {
   return true;
 }
 
+namespace {
+
+// FNV-1a over the upper-cased UTF-16 units, so names that Windows holds equal hash alike.
+size_t FoldedHash(const std::u16string& name) {
+  std::uint64_t hash = 14695981039346656037ull;
+  for (char16_t c : name) {
+    hash = (hash ^ UpcaseChar(c)) * 1099511628211ull;
+  }
+  return static_cast<size_t>(hash ^ (hash >> 32));
+}
+
+}  // namespace
+
+template <typename T>
+size_t RegKey::NamedList<T>::position(const std::u16string& name) const {
+  if (slots.empty()) {
+    for (size_t i = 0; i < items.size(); ++i) {
+      if (items[i] && NamesEqual(NameOf(*items[i]), name)) return i;
+    }
+    return items.size();
+  }
+  const size_t mask = slots.size() - 1;
+  // The table is at most half full, so a free slot ends every probe. Slots of removed
+  // items stay until the next rebuild and are stepped over.
+  for (size_t s = FoldedHash(name) & mask; slots[s] != 0; s = (s + 1) & mask) {
+    const size_t i = slots[s] - 1;
+    if (items[i] && NamesEqual(NameOf(*items[i]), name)) return i;
+  }
+  return items.size();
+}
+
+template <typename T>
+void RegKey::NamedList<T>::insertSlot(size_t position) {
+  const size_t mask = slots.size() - 1;
+  size_t s = FoldedHash(NameOf(*items[position])) & mask;
+  while (slots[s] != 0) s = (s + 1) & mask;
+  slots[s] = static_cast<std::uint32_t>(position + 1);
+}
+
+template <typename T>
+void RegKey::NamedList<T>::buildIndex() {
+  if (items.size() <= kIndexThreshold) {
+    slots.clear();
+    slots.shrink_to_fit();
+    return;
+  }
+  size_t size = 16;
+  while (size < items.size() * 2 + 2) size *= 2;
+  slots.assign(size, 0);
+  for (size_t i = 0; i < items.size(); ++i) {
+    if (items[i]) insertSlot(i);
+  }
+}
+
 template <typename T>
 T* RegKey::NamedList<T>::find(const std::u16string& name) const {
-  if (!index.empty()) {
-    auto it = index.find(FoldName(name));
-    return it == index.end() ? nullptr : items[it->second].get();
-  }
-  for (const auto& item : items) {
-    if (item && NamesEqual(NameOf(*item), name)) return item.get();
-  }
-  return nullptr;
+  const size_t i = position(name);
+  return i < items.size() ? items[i].get() : nullptr;
 }
 
 template <typename T>
 void RegKey::NamedList<T>::add(std::unique_ptr<T> item) {
   items.push_back(std::move(item));
   added = true;
-  if (!index.empty()) {
-    index.emplace(FoldName(NameOf(*items.back())), items.size() - 1);
-  } else if (items.size() > kIndexThreshold) {
-    for (size_t i = 0; i < items.size(); ++i) {
-      if (items[i]) index.emplace(FoldName(NameOf(*items[i])), i);
-    }
+  if (items.size() * 2 + 2 > slots.size()) {
+    buildIndex();
+  } else {
+    insertSlot(items.size() - 1);
   }
 }
 
 template <typename T>
 void RegKey::NamedList<T>::remove(const std::u16string& name) {
-  if (!index.empty()) {
-    auto it = index.find(FoldName(name));
-    if (it == index.end()) return;
-    items[it->second].reset();
-    index.erase(it);
-    holes = true;
-    return;
-  }
-  for (auto& item : items) {
-    if (item && NamesEqual(NameOf(*item), name)) {
-      item.reset();
-      holes = true;
-      return;
-    }
-  }
+  const size_t i = position(name);
+  if (i == items.size()) return;
+  items[i].reset();
+  holes = true;
 }
 
 template <typename T>
@@ -115,27 +151,24 @@ void RegKey::NamedList<T>::compact(bool sortByName) {
     items.resize(kept);
     holes = false;
   }
-  if (!sort && index.empty()) return;
-
-  std::vector<std::u16string> folded(items.size());
-  for (size_t i = 0; i < items.size(); ++i) folded[i] = FoldName(NameOf(*items[i]));
-  std::vector<size_t> order(items.size());
-  std::iota(order.begin(), order.end(), size_t{0});
-  // Windows' hive index orders sub-keys by their upper-cased UTF-16 units. Folded names
-  // are unique within a key, so stability only keeps the sort predictable.
-  if (sort && !std::is_sorted(folded.begin(), folded.end())) {
-    std::stable_sort(order.begin(), order.end(),
-                     [&folded](size_t a, size_t b) { return folded[a] < folded[b]; });
-    std::vector<std::unique_ptr<T>> sorted;
-    sorted.reserve(items.size());
-    for (size_t i : order) sorted.push_back(std::move(items[i]));
-    items = std::move(sorted);
-    moved = true;
+  if (sort) {
+    std::vector<std::u16string> folded(items.size());
+    for (size_t i = 0; i < items.size(); ++i) folded[i] = FoldName(NameOf(*items[i]));
+    // Windows' hive index orders sub-keys by their upper-cased UTF-16 units. Folded names
+    // are unique within a key, so stability only keeps the sort predictable.
+    if (!std::is_sorted(folded.begin(), folded.end())) {
+      std::vector<size_t> order(items.size());
+      std::iota(order.begin(), order.end(), size_t{0});
+      std::stable_sort(order.begin(), order.end(),
+                       [&folded](size_t a, size_t b) { return folded[a] < folded[b]; });
+      std::vector<std::unique_ptr<T>> sorted;
+      sorted.reserve(items.size());
+      for (size_t i : order) sorted.push_back(std::move(items[i]));
+      items = std::move(sorted);
+      moved = true;
+    }
   }
-  if (moved && !index.empty()) {
-    index.clear();
-    for (size_t i = 0; i < order.size(); ++i) index.emplace(std::move(folded[order[i]]), i);
-  }
+  if (moved) buildIndex();
 }
 
 RegKey::RegKey(std::u16string name) : name_(std::move(name)) {}
@@ -148,9 +181,10 @@ RegKey* RegKey::findSubKey(const std::u16string& name) {
   return subKeys_.find(name);
 }
 
-RegKey& RegKey::ensureSubKey(const std::u16string& name) {
+RegKey& RegKey::ensureSubKey(const std::u16string& name, bool* added) {
   if (RegKey* existing = subKeys_.find(name)) return *existing;
   subKeys_.add(std::make_unique<RegKey>(name));
+  if (added) *added = true;
   return *subKeys_.items.back();
 }
 
@@ -213,6 +247,50 @@ void RegistryTree::compact() {
   localMachine_.compact();
   currentUser_.compact();
   users_.compact();
+}
+
+const char* KeyNameFault(const std::u16string& name) {
+  if (name.empty()) return "an empty name";
+  if (name.size() > kMaxKeyNameLength) return "a name longer than 255 characters";
+  if (name.find(u'\\') != std::u16string::npos) return "a '\\' in its name";
+  return nullptr;
+}
+
+std::string QuoteForMessage(const std::u16string& text) {
+  std::u16string shown;
+  for (size_t i = 0; i < text.size() && i < 40; ++i) {
+    if (text[i] >= 0x20) {
+      shown += text[i];
+      continue;
+    }
+    const char* digits = "0123456789ABCDEF";
+    shown += {u'\\', u'x', static_cast<char16_t>(digits[text[i] >> 4]),
+              static_cast<char16_t>(digits[text[i] & 15])};
+  }
+  if (text.size() > 40) shown += u"...";
+  return "'" + WideToUtf8(shown) + "'";
+}
+
+namespace {
+// Beyond the names and data themselves: the object, its allocation, its place in the
+// parent's list and index.
+constexpr std::uint64_t kKeyOverhead = sizeof(RegKey) + 64;
+constexpr std::uint64_t kValueOverhead = sizeof(RegValue) + 80;
+constexpr std::uint64_t kBudgetFloor = 16u << 20;
+constexpr std::uint64_t kBudgetPerSourceByte = 8;
+}  // namespace
+
+LoadBudget::LoadBudget(std::uint64_t sourceBytes)
+    : limit_(kBudgetFloor + kBudgetPerSourceByte * sourceBytes) {}
+
+bool LoadBudget::chargeKey(const std::u16string& name) {
+  used_ += kKeyOverhead + 2 * name.size();
+  return used_ <= limit_;
+}
+
+bool LoadBudget::chargeValue(const RegValue& value) {
+  used_ += kValueOverhead + 2 * value.name.size() + value.data.size();
+  return used_ <= limit_;
 }
 
 std::vector<std::u16string> RootPath(const std::u16string& rootName) {

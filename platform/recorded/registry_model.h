@@ -3,10 +3,10 @@
 // were written, value data as the raw bytes Windows stores (strings in UTF-16LE).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "platform/export.h"
@@ -14,9 +14,18 @@
 
 namespace platform::recorded {
 
-// Windows limits: deeper keys or longer key names cannot exist on a real machine.
+// Windows limits: deeper keys or longer names cannot exist on a real machine, and one
+// registry call creates at most 32 missing levels of a path. Values can in principle be
+// larger than 1 MiB, but none that a machine relies on is.
 constexpr size_t kMaxKeyDepth = 512;
 constexpr size_t kMaxKeyNameLength = 255;
+constexpr size_t kMaxValueNameLength = 16383;
+constexpr size_t kMaxValueSize = 1024 * 1024;
+constexpr size_t kMaxLevelsCreatedAtOnce = 32;
+
+// Why no Windows key can have this name (empty, longer than 255 characters, or holding the
+// path separator), as "a name longer than 255 characters"; null when one can.
+KPLATFORM_API const char* KeyNameFault(const std::u16string& name);
 
 // Windows compares registry names after upcasing each UTF-16 unit. This covers the
 // scripts that registry names use in practice (Latin, Greek, Cyrillic); other
@@ -49,7 +58,8 @@ class KPLATFORM_API RegKey {
   const RegKey& subKey(size_t index) const { return *subKeys_.items[index]; }
   const RegKey* findSubKey(const std::u16string& name) const;
   RegKey* findSubKey(const std::u16string& name);
-  RegKey& ensureSubKey(const std::u16string& name);
+  // The sub-key of that name, added when missing (then `*added` is set).
+  RegKey& ensureSubKey(const std::u16string& name, bool* added = nullptr);
   void removeSubKey(const std::u16string& name);
 
   size_t valueCount() const { return values_.items.size(); }
@@ -64,19 +74,27 @@ class KPLATFORM_API RegKey {
 
  private:
   // Items in order, with a name index built once a list grows past a few entries, so
-  // lookups stay cheap in keys with thousands of children. Removal leaves a null hole
-  // until compact(), so a long run of removals is not quadratic; additions are sorted
-  // there too (when asked), once, rather than kept in place one insertion at a time.
+  // lookups stay cheap in keys with thousands of children. The index is an open-addressing
+  // table of item positions (4 bytes a slot, hashed on the upper-cased name), as a key
+  // with a million values must not cost a hash node and a name copy per value. Removal
+  // leaves a null hole (and its slot) until compact(), so a long run of removals is not
+  // quadratic; additions are sorted there too (when asked), once, rather than kept in
+  // place one insertion at a time.
   template <typename T>
   struct NamedList {
     std::vector<std::unique_ptr<T>> items;
-    std::unordered_map<std::u16string, size_t> index;
+    std::vector<std::uint32_t> slots;  // empty: no index; else 0 = free, n = items[n - 1]
     bool holes = false;
     bool added = false;  // since the last compact()
     T* find(const std::u16string& name) const;
     void add(std::unique_ptr<T> item);
     void remove(const std::u16string& name);
     void compact(bool sortByName);
+
+   private:
+    size_t position(const std::u16string& name) const;  // items.size() when absent
+    void insertSlot(size_t position);
+    void buildIndex();
   };
 
   std::u16string name_;
@@ -107,6 +125,27 @@ class KPLATFORM_API RegistryTree {
   RegKey localMachine_;
   RegKey currentUser_;
   RegKey users_;
+};
+
+// Text from a registry file for an error message: quoted, in UTF-8, cut after 40
+// characters so a hostile name cannot flood the message, control characters as \xNN.
+KPLATFORM_API std::string QuoteForMessage(const std::u16string& text);
+
+// What loading one file may add to the tree, so that memory stays proportional to the
+// input whatever it holds: 16 MiB plus 8 bytes per byte of the source (a .reg file's text
+// as UTF-16, the form the tree keeps; a hive file's size). Costs are estimates of what the
+// tree allocates; a regedit export takes 2 to 3 bytes per byte.
+class KPLATFORM_API LoadBudget {
+ public:
+  explicit LoadBudget(std::uint64_t sourceBytes);
+  // False once the charges so far exceed the budget.
+  bool chargeKey(const std::u16string& name);
+  bool chargeValue(const RegValue& value);
+  std::uint64_t limit() const { return limit_; }
+
+ private:
+  std::uint64_t limit_;
+  std::uint64_t used_ = 0;
 };
 
 // The components of a root's own path: HKLM -> {HKEY_LOCAL_MACHINE}, HKEY_CLASSES_ROOT ->
