@@ -14,15 +14,10 @@ namespace {
 
 const std::u16string kHeader5 = u"Windows Registry Editor Version 5.00";
 const std::u16string kHeader4 = u"REGEDIT4";
+const char kValueTooLarge[] = "value data larger than 1 MiB";
 
 bool StartsWith(const std::string& s, const char* prefix) {
   return s.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;
-}
-
-// Text for a message: UTF-8, cut short so a hostile line cannot flood the message.
-std::string Quote(const std::u16string& text) {
-  std::u16string shown = text.size() > 40 ? text.substr(0, 40) + u"..." : text;
-  return "'" + WideToUtf8(shown) + "'";
 }
 
 int HexDigit(char16_t c) {
@@ -81,7 +76,11 @@ std::u16string Decode(const std::string& name, const std::string& bytes, unsigne
 class Parser {
  public:
   Parser(RegistryTree& tree, const std::string& name, std::u16string text, unsigned codePage)
-      : tree_(tree), name_(name), text_(std::move(text)), codePage_(codePage) {}
+      : tree_(tree),
+        name_(name),
+        text_(std::move(text)),
+        codePage_(codePage),
+        budget_(2 * static_cast<std::uint64_t>(text_.size())) {}
 
   void run() {
     const std::u16string header = Trim(readLine());
@@ -103,7 +102,7 @@ class Parser {
         valueLine();
       } else {
         const size_t at = line_;
-        fail(at, "unexpected text " + Quote(Trim(readLine())));
+        fail(at, "unexpected text " + QuoteForMessage(Trim(readLine())));
       }
     }
   }
@@ -138,12 +137,16 @@ class Parser {
     const std::vector<std::u16string> parts = SplitPath(path);
     if (parts.empty()) fail(at, "empty key name");
     std::vector<std::u16string> full = RootPath(parts[0]);
-    if (full.empty()) fail(at, "unknown root key " + Quote(parts[0]));
+    if (full.empty()) fail(at, "unknown root key " + QuoteForMessage(parts[0]));
     full.insert(full.end(), parts.begin() + 1, parts.end());
     if (full.size() > kMaxKeyDepth) fail(at, "key nested deeper than 512 levels");
     for (const auto& part : full) {
-      if (part.size() > kMaxKeyNameLength) {
-        fail(at, "key name longer than 255 characters: " + Quote(part));
+      if (const char* fault = KeyNameFault(part)) {
+        fail(at, std::string("key with ") + fault + ": " + QuoteForMessage(part));
+      }
+      // regedit imports through calls that end a name at its first NUL.
+      if (part.find(u'\0') != std::u16string::npos) {
+        fail(at, "key with a NUL character in its name: " + QuoteForMessage(part));
       }
     }
 
@@ -155,18 +158,39 @@ class Parser {
       if (key && full.size() > 1) key->removeSubKey(full.back());
       return;
     }
-    for (size_t i = 1; i < full.size(); ++i) key = &key->ensureSubKey(full[i]);
+    size_t created = 0;
+    for (size_t i = 1; i < full.size(); ++i) {
+      bool added = false;
+      key = &key->ensureSubKey(full[i], &added);
+      if (!added) continue;
+      // Checked as each key is made, so a refused file has not built much first.
+      if (++created > kMaxLevelsCreatedAtOnce) {
+        fail(at,
+             "key line creating more than 32 missing levels at once, which Windows "
+             "refuses in one call");
+      }
+      if (!budget_.chargeKey(full[i])) overBudget(at);
+    }
     current_ = key;
     inKey_ = true;
   }
 
+  [[noreturn]] void overBudget(size_t line) const {
+    fail(line, "the keys and values up to here take more than " +
+                   std::to_string(budget_.limit() >> 20) +
+                   " MiB in memory (16 MiB and 8 bytes per byte of the text as UTF-16); no "
+                   "registry export is that dense");
+  }
+
   // A quoted string with \\ and \" escapes; may run over several lines, each line break
   // inside it becoming "\n" (regedit writes a stored "\r\n" as "\r" + its own line end).
-  std::u16string quoted(size_t startLine) {
+  // `what` names it in the error for one longer than `maxLength` characters.
+  std::u16string quoted(size_t startLine, size_t maxLength, const char* what) {
     std::u16string out;
     ++pos_;  // opening quote
     while (true) {
       if (pos_ >= text_.size()) fail(startLine, "string without closing '\"'");
+      if (out.size() > maxLength) fail(startLine, what);
       const char16_t c = text_[pos_];
       if (c == u'"') {
         ++pos_;
@@ -196,7 +220,7 @@ class Parser {
 
   void expectLineEnd(size_t at) {
     const std::u16string rest = Trim(readLine());
-    if (!rest.empty()) fail(at, "unexpected text after the value: " + Quote(rest));
+    if (!rest.empty()) fail(at, "unexpected text after the value: " + QuoteForMessage(rest));
   }
 
   void valueLine() {
@@ -205,7 +229,7 @@ class Parser {
     if (text_[pos_] == u'@') {
       ++pos_;
     } else {
-      value.name = quoted(at);
+      value.name = quoted(at, kMaxValueNameLength, "value name longer than 16,383 characters");
     }
     skipBlanks();
     if (pos_ >= text_.size() || text_[pos_] != u'=') fail(line_, "expected '=' after value name");
@@ -214,7 +238,8 @@ class Parser {
     if (!inKey_) fail(at, "value outside a key");
 
     if (pos_ < text_.size() && text_[pos_] == u'"') {
-      const std::u16string data = quoted(at);
+      // With its NUL, as stored.
+      const std::u16string data = quoted(at, kMaxValueSize / 2 - 1, kValueTooLarge);
       expectLineEnd(line_);
       value.type = REG_SZ;
       value.data = Utf16Bytes(data);
@@ -226,6 +251,7 @@ class Parser {
     } else {
       typedData(value);
     }
+    if (!budget_.chargeValue(value)) overBudget(at);
     if (current_) current_->setValue(std::move(value));
   }
 
@@ -235,7 +261,7 @@ class Parser {
     const size_t colon = text_.find(u':', pos_);
     const size_t eol = text_.find(u'\n', pos_);
     if (colon == std::u16string::npos || (eol != std::u16string::npos && colon > eol)) {
-      fail(at, "unrecognised value data " + Quote(Trim(readLine())));
+      fail(at, "unrecognised value data " + QuoteForMessage(Trim(readLine())));
     }
     std::u16string kind = Trim(text_.substr(pos_, colon - pos_));
     for (auto& c : kind) c = (c >= u'A' && c <= u'Z') ? static_cast<char16_t>(c + 32) : c;
@@ -244,7 +270,7 @@ class Parser {
     if (kind == u"dword") {
       const std::u16string digits = Trim(readLine());
       std::uint32_t number = 0;
-      if (!ParseHex(digits, 8, number)) fail(at, "bad dword value " + Quote(digits));
+      if (!ParseHex(digits, 8, number)) fail(at, "bad dword value " + QuoteForMessage(digits));
       value.type = REG_DWORD;
       value.data = {static_cast<BYTE>(number), static_cast<BYTE>(number >> 8),
                     static_cast<BYTE>(number >> 16), static_cast<BYTE>(number >> 24)};
@@ -255,22 +281,23 @@ class Parser {
     } else if (kind.size() > 5 && kind.compare(0, 4, u"hex(") == 0 && kind.back() == u')') {
       std::uint32_t type = 0;
       const std::u16string digits = kind.substr(4, kind.size() - 5);
-      if (!ParseHex(digits, 8, type)) fail(at, "bad value type " + Quote(kind));
+      if (!ParseHex(digits, 8, type)) fail(at, "bad value type " + QuoteForMessage(kind));
       value.type = type;
     } else {
-      fail(at, "unrecognised value type " + Quote(kind));
+      fail(at, "unrecognised value type " + QuoteForMessage(kind));
     }
-    value.data = hexBytes();
+    value.data = hexBytes(at);
     // REGEDIT4 wrote string types as the ANSI bytes; Windows stores UTF-16.
     if (regedit4_ &&
         (value.type == REG_SZ || value.type == REG_EXPAND_SZ || value.type == REG_MULTI_SZ)) {
       const std::string narrow(value.data.begin(), value.data.end());
       value.data = Utf16Bytes(AnsiToWide(narrow, codePage_), false);
+      if (value.data.size() > kMaxValueSize) fail(at, kValueTooLarge);
     }
   }
 
   // Comma-separated bytes, continued on the next line after a trailing backslash.
-  std::vector<BYTE> hexBytes() {
+  std::vector<BYTE> hexBytes(size_t startLine) {
     std::vector<BYTE> bytes;
     while (true) {
       const size_t at = line_;
@@ -285,8 +312,9 @@ class Parser {
         const std::u16string token = Trim(segment.substr(start, comma - start));
         std::uint32_t byte = 0;
         if (token.empty() && last) break;  // a trailing comma before the line end
-        if (!ParseHex(token, 2, byte)) fail(at, "bad hex byte " + Quote(token));
+        if (!ParseHex(token, 2, byte)) fail(at, "bad hex byte " + QuoteForMessage(token));
         bytes.push_back(static_cast<BYTE>(byte));
+        if (bytes.size() > kMaxValueSize) fail(startLine, kValueTooLarge);
         start = comma + 1;
       }
       if (!more || pos_ >= text_.size()) return bytes;
@@ -303,6 +331,7 @@ class Parser {
   bool regedit4_ = false;
   bool inKey_ = false;
   RegKey* current_ = nullptr;
+  LoadBudget budget_;
 };
 
 }  // namespace

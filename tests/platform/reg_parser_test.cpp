@@ -183,7 +183,6 @@ TEST(RegParser, ErrorsNameFileAndLine) {
       {kHeader + "[HKEY_NOWHERE\\T]\n", "Uninstall.reg:3: unknown root key 'HKEY_NOWHERE'"},
       {kHeader + "[HKLM\\SOFTWARE\\T\n", "Uninstall.reg:3: key line without closing ']'"},
       {kHeader + "[HKLM\\SOFTWARE\\T]\nnonsense\n", "Uninstall.reg:4: unexpected text 'nonsense'"},
-      {kHeader + "[HKLM\\" + std::string(256, 'k') + "]\n", "Uninstall.reg:3: key name longer"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -197,11 +196,123 @@ TEST(RegParser, ErrorsNameFileAndLine) {
   }
 }
 
-TEST(RegParser, DeepKeysAreRefused) {
-  std::string path = "HKLM";
-  for (int i = 0; i < 600; ++i) path += "\\k";
+// Windows' own bounds, each at the limit and one past it. The NUL key is the 42-byte
+// export that made reg query /s recurse without end; the 33 levels, the line pattern that
+// took 125 bytes of memory per byte of the file.
+TEST(RegParser, WhatWindowsCannotHoldIsRefused) {
+  auto key = [](const std::string& path) { return kHeader + "[HKLM\\SOFTWARE\\" + path + "]\n"; };
+  auto levels = [](size_t n) {  // n new keys below HKEY_LOCAL_MACHINE
+    std::string path = kHeader + "[HKLM\\x";
+    for (size_t i = 1; i < n; ++i) path += "\\k";
+    return path + "]\n";
+  };
+  auto value = [](const std::string& line) {
+    return kHeader + "[HKLM\\SOFTWARE\\T]\n" + line + "\n";
+  };
+  // A 511-level key made 30 levels a line, as an export that writes every key would.
+  std::string stepwise = kHeader;
+  std::string path = "HKLM\\SOFTWARE";
+  for (size_t depth = 2; depth < 511; depth += 30) {
+    for (size_t i = 0; i < 30 && depth + i < 511; ++i) path += "\\k";
+    stepwise += "[" + path + "]\n";
+  }
+  std::string overHex = "\"b\"=hex:00";
+  for (size_t i = 0; i < kMaxValueSize; ++i) overHex += ",00";
+  const struct {
+    const char* what;
+    std::string text;
+    const char* refusal;  // null: accepted
+  } cases[] = {
+      {"255-character key name", key(std::string(255, 'k')), nullptr},
+      {"256-character key name", key(std::string(256, 'k')),
+       "t.reg:3: key with a name longer than 255 characters: 'kkkk"},
+      {"NUL in a key name",
+       "Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\" +
+           std::string(1, '\0') + "x]\r\n",
+       "t.reg:3: key with a NUL character in its name: '\\x00x'"},
+      {"32 levels made by one line", levels(32), nullptr},
+      {"33 levels made by one line", levels(33),
+       "t.reg:3: key line creating more than 32 missing levels at once"},
+      {"511 levels below HKLM, made in steps", stepwise + "[" + path + "\\last]\n", nullptr},
+      {"512 levels below HKLM", stepwise + "[" + path + "\\last\\deeper]\n",
+       "key nested deeper than 512 levels"},
+      {"16,383-character value name", value("\"" + std::string(16383, 'v') + "\"=dword:1"),
+       nullptr},
+      {"16,384-character value name", value("\"" + std::string(16384, 'v') + "\"=dword:1"),
+       "t.reg:4: value name longer than 16,383 characters"},
+      {"string of 1 MiB with its NUL", value("\"s\"=\"" + std::string(524287, 's') + "\""),
+       nullptr},
+      {"string two bytes over 1 MiB", value("\"s\"=\"" + std::string(524288, 's') + "\""),
+       "t.reg:4: value data larger than 1 MiB"},
+      {"hex data one byte over 1 MiB", value(overHex), "t.reg:4: value data larger than 1 MiB"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    RegistryTree tree;
+    try {
+      ApplyRegFile(tree, "t.reg", c.text, 1252);
+      EXPECT_EQ(c.refusal, nullptr) << "accepted";
+    } catch (const RecordError& e) {
+      ASSERT_NE(c.refusal, nullptr) << e.what();
+      EXPECT_NE(std::string(e.what()).find(c.refusal), std::string::npos) << e.what();
+    }
+  }
+}
+
+// Memory follows the file: lines that each make 31 one-letter keys are refused once
+// they pass the file's allowance, long before their end; a dense but plausible export
+// (150,000 short dword values) is not.
+TEST(RegParser, DenseFilesAreRefusedBeforeTheyGrow) {
+  std::string tail;
+  for (int i = 0; i < 30; ++i) tail += "\\k";
+  std::string keys = kHeader;
+  const int lines = 20000;
+  for (int i = 0; i < lines; ++i) keys += "[HKLM\\S\\" + std::to_string(i) + tail + "]\n";
   RegistryTree tree;
-  EXPECT_THROW(ApplyRegFile(tree, "t.reg", kHeader + "[" + path + "]\n", 1252), RecordError);
+  try {
+    ApplyRegFile(tree, "dense.reg", keys, 1252);
+    ADD_FAILURE() << "accepted";
+  } catch (const RecordError& e) {
+    const std::string message = e.what();
+    EXPECT_NE(message.find("MiB in memory"), std::string::npos) << message;
+    const size_t line = std::stoul(message.substr(message.find(':') + 1));
+    EXPECT_LT(line, static_cast<size_t>(lines) / 2) << message;
+  }
+
+  std::string values = kHeader + "[HKLM\\SOFTWARE\\Values]\n";
+  for (int i = 0; i < 150000; ++i) values += "\"v" + std::to_string(i) + "\"=dword:00000001\n";
+  RegistryTree dense;
+  ApplyRegFile(dense, "values.reg", values, 1252);
+  EXPECT_EQ(dense.find(u"HKLM\\SOFTWARE\\Values")->valueCount(), 150000u);
+}
+
+// Names removed and written again in lists long enough to be indexed: the index steps
+// over removed entries until loading ends, and comes back in Windows' order.
+TEST(RegParser, RemovedNamesCanReturn) {
+  std::string text = kHeader;
+  for (int i = 0; i < 20; ++i) text += "[HKLM\\SOFTWARE\\L\\k" + std::to_string(i) + "]\n";
+  text +=
+      "[-HKLM\\SOFTWARE\\L\\K3]\n[-HKLM\\SOFTWARE\\L\\k7]\n[HKLM\\SOFTWARE\\L\\k3]\n\"v\"="
+      "\"back\"\n";
+  text += "[HKLM\\SOFTWARE\\L]\n";
+  for (int i = 0; i < 20; ++i) text += "\"v" + std::to_string(i) + "\"=dword:1\n";
+  text += "\"V3\"=-\n\"v19\"=-\n\"v3\"=dword:2\n";
+  RegistryTree tree;
+  ApplyRegFile(tree, "t.reg", text, 1252);
+  const RegKey* list = tree.find(u"HKLM\\SOFTWARE\\L");
+  ASSERT_NE(list, nullptr);
+  ASSERT_EQ(list->subKeyCount(), 19u);
+  EXPECT_EQ(list->subKey(0).name(), u"k0");
+  EXPECT_EQ(list->subKey(1).name(), u"k1");
+  EXPECT_EQ(list->subKey(2).name(), u"k10");  // by name, as Windows lists them
+  EXPECT_EQ(list->findSubKey(u"k7"), nullptr);
+  ASSERT_NE(list->findSubKey(u"K3"), nullptr);
+  EXPECT_NE(list->findSubKey(u"K3")->findValue(u"v"), nullptr);
+  ASSERT_EQ(list->valueCount(), 19u);
+  EXPECT_EQ(list->value(3).name, u"v4");  // values keep the order written
+  EXPECT_EQ(list->value(18).name, u"v3");
+  EXPECT_EQ(list->findValue(u"V3")->data[0], 2);
+  EXPECT_EQ(list->findValue(u"v19"), nullptr);
 }
 
 // Every prefix and many corruptions of a small export: the parser either reads it or
