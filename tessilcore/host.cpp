@@ -7,6 +7,7 @@
 #include <map>
 
 #include "tessilcore/dynlib.h"
+#include "tessilcore/faults.h"
 #include "tessilcore/host_impl.h"
 #include "tessilcore/object_path.h"
 
@@ -128,6 +129,7 @@ void THost::Impl::RunPlugins(std::vector<TClassPtr> classes) {
 // A plug-in that lets an exception out is logged; the run goes on with the next one.
 void THost::Impl::RunPluginQuery(IPluginBasicQueryCallbacks& query,
                                  std::vector<boost::shared_ptr<ICIMClass>>& request) {
+  THostFaults::EnterPlugin();
   try {
     query.QueryInstances(ns, request);
   } catch (const TTessilException& e) {
@@ -135,6 +137,7 @@ void THost::Impl::RunPluginQuery(IPluginBasicQueryCallbacks& query,
   } catch (const std::exception& e) {
     logger.Log(0, "Host: plug-in query failed: " + std::string(e.what()));
   }
+  THostFaults::LeavePlugin();
 }
 
 void THost::Impl::EnumerateInstances(const std::string& className, bool deep,
@@ -363,10 +366,12 @@ const std::string TCIMSchemaHelper::kPluginNSPName = "__PluginNamespace";
 const std::string TCIMSchemaHelper::kContextName = "__Context";
 
 std::string TCIMSchemaHelper::GetSystemName(shared_ptr<ICIMNamespace>) {
+  THostFaults::Call("TCIMSchemaHelper::GetSystemName");
   return TOSSpecific::GetMachineName();
 }
 
 std::string TCIMSchemaHelper::GetSystemCreationClassName(shared_ptr<ICIMNamespace>) {
+  THostFaults::Call("TCIMSchemaHelper::GetSystemCreationClassName");
   return kComputerSystem;
 }
 

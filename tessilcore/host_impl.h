@@ -92,9 +92,9 @@ class TNamespace : public ICIMNamespace {
 class TClass : public ICIMClass {
  public:
   TClass(THost::Impl* host, TClassPtr decl) : host_(host), decl_(std::move(decl)) {}
-  std::string GetName() override { return decl_->name; }
+  std::string GetName() override;
   void GetNamespace(shared_ptr<ICIMNamespace>& out, const TOptions& options) override;
-  bool IsAssociation() override { return decl_->association; }
+  bool IsAssociation() override;
   void EnumeratePropertyNames(TAddKeyNamesToVectorCallback& callback,
                               const TOptions& options) override;
   void GetPropertyDecl(shared_ptr<const ICIMPropertyDecl>& out, const std::string& name,

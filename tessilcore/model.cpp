@@ -1,6 +1,7 @@
 // Namespace, classes, property declarations, instances and properties of the host.
 #include <boost/make_shared.hpp>
 
+#include "tessilcore/faults.h"
 #include "tessilcore/host_impl.h"
 #include "tessilcore/object_path.h"
 
@@ -12,8 +13,14 @@ class TPropertyDecl : public ICIMPropertyDecl {
  public:
   TPropertyDecl(TClassPtr owner, const TPropertyDeclaration* decl)
       : owner_(std::move(owner)), decl_(decl) {}
-  void GetType(TCIMValue::TCIMType& out, const TOptions&) const override { out = decl_->type; }
-  bool IsArray(const TOptions&) const override { return decl_->isArray; }
+  void GetType(TCIMValue::TCIMType& out, const TOptions&) const override {
+    THostFaults::Call("ICIMPropertyDecl::GetType");
+    out = decl_->type;
+  }
+  bool IsArray(const TOptions&) const override {
+    THostFaults::Call("ICIMPropertyDecl::IsArray");
+    return decl_->isArray;
+  }
   std::string GetName() const override { return decl_->name; }
   bool IsKey() const override { return decl_->isKey; }
   std::string GetReferenceClass() const override { return decl_->referenceClass; }
@@ -27,8 +34,14 @@ class TProperty : public ICIMProperty {
  public:
   TProperty(boost::shared_ptr<TInstance> instance, std::size_t index)
       : instance_(std::move(instance)), index_(index) {}
-  TCIMValue::TCIMType GetType() override { return Decl().type; }
-  TCIMValue GetValue() override { return instance_->Value(index_); }
+  TCIMValue::TCIMType GetType() override {
+    THostFaults::Call("ICIMProperty::GetType");
+    return Decl().type;
+  }
+  TCIMValue GetValue() override {
+    THostFaults::Call("ICIMProperty::GetValue");
+    return instance_->Value(index_);
+  }
   std::string GetName() override { return Decl().name; }
   bool IsArray() override { return Decl().isArray; }
 
@@ -130,6 +143,7 @@ bool ConvertScalar(const TCIMValue& value, const TPropertyDeclaration& decl, con
 
 void TNamespace::GetClass(shared_ptr<ICIMClass>& out, const std::string& className,
                           const TOptions&) {
+  THostFaults::Call("ICIMNamespace::GetClass");
   TClassPtr decl = host_->schema.Find(className);
   if (!decl) throw TTessilException(kStatusNotFound, "no class " + className);
   out = host_->MakeClass(decl);
@@ -139,16 +153,29 @@ void TNamespace::EnumerateClassNames(ICIMNameCallback& callback, const TOptions&
   for (const TClassPtr& decl : host_->schema.Classes()) callback.Report(decl->name);
 }
 
+std::string TClass::GetName() {
+  THostFaults::Call("ICIMClass::GetName");
+  return decl_->name;
+}
+
+bool TClass::IsAssociation() {
+  THostFaults::Call("ICIMClass::IsAssociation");
+  return decl_->association;
+}
+
 void TClass::GetNamespace(shared_ptr<ICIMNamespace>& out, const TOptions&) {
+  THostFaults::Call("ICIMClass::GetNamespace");
   out = host_->ns;
 }
 
 void TClass::EnumeratePropertyNames(TAddKeyNamesToVectorCallback& callback, const TOptions&) {
+  THostFaults::Call("ICIMClass::EnumeratePropertyNames");
   for (const TPropertyDeclaration& property : decl_->properties) callback.Report(property.name);
 }
 
 void TClass::GetPropertyDecl(shared_ptr<const ICIMPropertyDecl>& out, const std::string& name,
                              const TOptions&) {
+  THostFaults::Call("ICIMClass::GetPropertyDecl");
   const TPropertyDeclaration* property = decl_->Find(name);
   if (property == nullptr) {
     out.reset();
@@ -158,15 +185,18 @@ void TClass::GetPropertyDecl(shared_ptr<const ICIMPropertyDecl>& out, const std:
 }
 
 void TClass::CreateInstance(shared_ptr<ICIMInstance>& out, const TOptions&) {
+  THostFaults::Call("ICIMClass::CreateInstance");
   out = boost::make_shared<TInstance>(host_, decl_);
 }
 
 void TClass::EnumerateInstances(TAddToVectorCallback<ICIMInstance>& callback, bool deep,
                                 const TOptions&) {
+  THostFaults::Call("ICIMClass::EnumerateInstances");
   host_->EnumerateInstances(decl_->name, deep, callback);
 }
 
 void TInstance::Commit(const TOptions&) {
+  THostFaults::Call("ICIMInstance::Commit");
   if (committed_) {
     throw TTessilException(kStatusAlreadyCommitted, Path() + " is already committed");
   }
@@ -192,11 +222,13 @@ std::string TInstance::Path() const {
 }
 
 void TInstance::GetReference(TCIMReference& out, const TOptions&) {
+  THostFaults::Call("ICIMInstance::GetReference");
   out = TCIMReference(Path());
 }
 
 void TInstance::GetProperty(shared_ptr<ICIMProperty>& out, const std::string& name,
                             const TOptions&) {
+  THostFaults::Call("ICIMInstance::GetProperty");
   const int index = decl_->IndexOf(name);
   if (index < 0) {
     throw TTessilException(kStatusNotFound, decl_->name + " has no property " + name);
@@ -205,6 +237,7 @@ void TInstance::GetProperty(shared_ptr<ICIMProperty>& out, const std::string& na
 }
 
 void TInstance::SetPropertyValue(const std::string& name, const TCIMValue& value, const TOptions&) {
+  THostFaults::Call("ICIMInstance::SetPropertyValue");
   const int index = decl_->IndexOf(name);
   if (index < 0) {
     throw TTessilException(kStatusNotFound, decl_->name + " has no property " + name);

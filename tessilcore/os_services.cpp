@@ -1,10 +1,12 @@
 // Machine name and local time of the scanned machine, through the platform seam.
 #include "host/plugin.h"
 #include "platform/machine.h"
+#include "tessilcore/faults.h"
 
 namespace NKestovaTessil20 {
 
 std::string TOSSpecific::GetMachineName() {
+  THostFaults::Call("TOSSpecific::GetMachineName");
   char name[256] = {};
   platform::DWORD size = sizeof name;
   if (!platform::Machine::Current().system().GetComputerNameA(name, &size)) return std::string();
@@ -12,6 +14,7 @@ std::string TOSSpecific::GetMachineName() {
 }
 
 TCIMDateTime TOSSpecific::GetLocalTime() {
+  THostFaults::Call("TOSSpecific::GetLocalTime");
   platform::System& system = platform::Machine::Current().system();
   platform::SYSTEMTIME now = {};
   system.GetLocalTime(&now);

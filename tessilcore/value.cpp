@@ -5,6 +5,7 @@
 #include <limits>
 
 #include "host/cim_value.h"
+#include "tessilcore/faults.h"
 #include "tessilcore/object_path.h"
 
 namespace NKestovaTessil20 {
@@ -224,6 +225,7 @@ void TCIMValue::Set(TCIMType elementType, unsigned int count,
 }
 
 TCIMValue::TCIMValue(TCIMType type, const std::string& text, boost::shared_ptr<ICIMNamespace>) {
+  THostFaults::Call("TCIMValue::TCIMValue(type, text, namespace)");
   const std::string typeName = type.ToString();
   const ECIMType t = type;
   if (IsUnsignedType(t)) {
