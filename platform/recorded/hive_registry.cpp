@@ -61,7 +61,7 @@ class HiveReader {
         fail("unreadable value type");
       }
       if (length > kMaxValueSize) {
-        failAt("value " + QuoteForMessage(value.name) + " larger than 1 MiB (" +
+        failAt("value " + QuoteForMessage(value.name) + " larger than 16 MiB (" +
                std::to_string(length) + " bytes)");
       }
       Malloced<char> data(

@@ -14,7 +14,7 @@ namespace {
 
 const std::u16string kHeader5 = u"Windows Registry Editor Version 5.00";
 const std::u16string kHeader4 = u"REGEDIT4";
-const char kValueTooLarge[] = "value data larger than 1 MiB";
+const char kValueTooLarge[] = "value data larger than 16 MiB";
 
 bool StartsWith(const std::string& s, const char* prefix) {
   return s.compare(0, std::char_traits<char>::length(prefix), prefix) == 0;

@@ -16,11 +16,12 @@ namespace platform::recorded {
 
 // Windows limits: deeper keys or longer names cannot exist on a real machine, and one
 // registry call creates at most 32 missing levels of a path. Values can in principle be
-// larger than 1 MiB, but none that a machine relies on is.
+// larger than 16 MiB, but no installer writes one and nothing a collector reads is; values
+// of a few MiB do occur (installers' blobs), so they still load.
 constexpr size_t kMaxKeyDepth = 512;
 constexpr size_t kMaxKeyNameLength = 255;
 constexpr size_t kMaxValueNameLength = 16383;
-constexpr size_t kMaxValueSize = 1024 * 1024;
+constexpr size_t kMaxValueSize = 16 * 1024 * 1024;
 constexpr size_t kMaxLevelsCreatedAtOnce = 32;
 
 // Why no Windows key can have this name (empty, longer than 255 characters, or holding the

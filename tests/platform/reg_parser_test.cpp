@@ -240,11 +240,11 @@ TEST(RegParser, WhatWindowsCannotHoldIsRefused) {
        nullptr},
       {"16,384-character value name", value("\"" + std::string(16384, 'v') + "\"=dword:1"),
        "t.reg:4: value name longer than 16,383 characters"},
-      {"string of 1 MiB with its NUL", value("\"s\"=\"" + std::string(524287, 's') + "\""),
+      {"string of 16 MiB with its NUL", value("\"s\"=\"" + std::string(8388607, 's') + "\""),
        nullptr},
-      {"string two bytes over 1 MiB", value("\"s\"=\"" + std::string(524288, 's') + "\""),
-       "t.reg:4: value data larger than 1 MiB"},
-      {"hex data one byte over 1 MiB", value(overHex), "t.reg:4: value data larger than 1 MiB"},
+      {"string two bytes over 16 MiB", value("\"s\"=\"" + std::string(8388608, 's') + "\""),
+       "t.reg:4: value data larger than 16 MiB"},
+      {"hex data one byte over 16 MiB", value(overHex), "t.reg:4: value data larger than 16 MiB"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

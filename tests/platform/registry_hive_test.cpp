@@ -237,11 +237,12 @@ TEST(HostileHive, DamagedKeysAreRefusedNamingFileAndKey) {
       {"sub-key list naming its first key twice",
        [&](std::string& h) { Put(h, subKeys + 12, Get32(h, subKeys + 4), 4); },
        "(key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent\\Later: reached a second time"},
-      {"value of 2 MiB",
+      {"value of 17 MiB",
        [&](std::string& h) {
-         Put(h, NameAt(h, "Big") - kValueName + kValueDataLength, 2 << 20, 4);
+         Put(h, NameAt(h, "Big") - kValueName + kValueDataLength, 17 << 20, 4);
        },
-       "(key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent: value 'Big' larger than 1 MiB (2097152 bytes))"},
+       "(key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent: value 'Big' larger than 16 MiB (17825792 "
+       "bytes))"},
   };
   const std::string path = ::testing::TempDir() + "hostile-" + std::to_string(::getpid()) + ".hive";
   for (const auto& c : cases) {

@@ -60,8 +60,8 @@ TEST_F(HostileSoftwareTest, LargeValuesAndManySubKeys) {
   const std::string key =
       "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
   std::string reg = RegHeader();
-  // A 16 MiB name is still a name.
-  reg += key + "\\Huge]\n\"DisplayName\"=\"" + std::string(16u << 20, 'h') + "\"\n\n";
+  // A name of 16 MiB (with its NUL, in UTF-16) is still a name.
+  reg += key + "\\Huge]\n\"DisplayName\"=\"" + std::string((8u << 20) - 1, 'h') + "\"\n\n";
   for (int i = 0; i < 100000; ++i) {
     reg += key + "\\K" + std::to_string(i) + "]\n\"DisplayName\"=\"P" + std::to_string(i % 50000) +
            "\"\n\n";
@@ -71,7 +71,7 @@ TEST_F(HostileSoftwareTest, LargeValuesAndManySubKeys) {
   host().Query({"KestovaSG_InstalledApplication"});
   const auto instances = host().GetInstances("KestovaSG_InstalledApplication", false);
   ASSERT_EQ(instances.size(), 50001u);
-  EXPECT_EQ(property(instances[0], "ProductName").size(), 16u << 20);
+  EXPECT_EQ(property(instances[0], "ProductName").size(), (8u << 20) - 1);
   EXPECT_EQ(property(instances[1], "ProductName"), "P0");  // K0, then K1, K10, K100 ...
   EXPECT_EQ(property(instances[2], "ProductName"), "P1");
   EXPECT_EQ(property(instances[3], "ProductName"), "P10");
