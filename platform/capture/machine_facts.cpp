@@ -224,6 +224,19 @@ class FactReader {
             r["logonHours"] = std::vector<int>(u.usri3_logon_hours, u.usri3_logon_hours + 21);
           return r;
         });
+    // The account reader asks for 100 bytes a call, and where it stops depends on how many
+    // records a call hands out: record that, as the machine answers it.
+    if (!j["users"].contains("batchSize")) {
+      BYTE* buffer = nullptr;
+      DWORD read = 0, total = 0, resume = 0;
+      const NET_API_STATUS status =
+          n.NetUserEnum(nullptr, 3, 0, &buffer, 100, &read, &total, &resume);
+      if ((status == NERR_Success || status == static_cast<DWORD>(ERROR_MORE_DATA)) && buffer &&
+          read > 1) {
+        j["users"]["batchSize"] = read;
+      }
+      if (buffer) n.NetApiBufferFree(buffer);
+    }
     j["loggedOn"] = enumerate<WKSTA_USER_INFO_1>(
         [&](BYTE** buffer, DWORD* read, DWORD* total, DWORD* resume) {
           return n.NetWkstaUserEnum(nullptr, 1, buffer, MAX_PREFERRED_LENGTH, read, total, resume);
