@@ -48,6 +48,10 @@ class KPLATFORM_API RecordedPdh : public Pdh {
   PDH_STATUS PdhRemoveCounter(PDH_HCOUNTER counter) override;
   PDH_STATUS PdhCloseQuery(PDH_HQUERY query) override;
 
+  // What a run left open.
+  std::size_t openQueries() const { return queries_.size(); }
+  std::size_t openCounters() const { return counters_.size(); }
+
   // "\\Machine\Object(Parent/Instance#Index)\Counter", the parts that are given.
   static std::string CounterPath(const PDH_COUNTER_PATH_ELEMENTS_A& elements);
 

@@ -306,12 +306,19 @@ RecordedSystem::~RecordedSystem() {
 
 HMODULE RecordedSystem::LoadLibraryA(const char* name) {
   HMODULE m = GetModuleHandleA(name);
-  if (!m) state_.fail(ERROR_MOD_NOT_FOUND);
+  if (!m) {
+    state_.fail(ERROR_MOD_NOT_FOUND);
+  } else {
+    ++libraryReferences_;
+  }
   return m;
 }
 
 BOOL RecordedSystem::FreeLibrary(HMODULE module) {
-  if (module == kKernel32 || module == kNtdll || (module == kPsapi && facts_.psapi)) return TRUE;
+  if (module == kKernel32 || module == kNtdll || (module == kPsapi && facts_.psapi)) {
+    --libraryReferences_;
+    return TRUE;
+  }
   return fail(ERROR_INVALID_HANDLE);
 }
 

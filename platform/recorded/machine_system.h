@@ -121,6 +121,9 @@ class KPLATFORM_API RecordedSystem : public System {
   // Kept in order, for the tools and tests that show them.
   void crtAssert(const char* expression, const char* file, unsigned line) override;
   const std::vector<AssertionReport>& assertions() const { return assertions_; }
+  // What a run left open: LoadLibraryA references not freed, LocalAlloc blocks not freed.
+  long libraryReferences() const { return libraryReferences_; }
+  std::size_t localAllocations() const { return localAllocations_.size(); }
 
   BOOL GetComputerNameA(char* buffer, DWORD* size) override;
   DWORD GetEnvironmentVariableA(const char* name, char* buffer, DWORD size) override;
@@ -160,6 +163,7 @@ class KPLATFORM_API RecordedSystem : public System {
   MachineState& state_;
   std::set<void*> localAllocations_;
   std::vector<AssertionReport> assertions_;
+  long libraryReferences_ = 0;
 };
 
 }  // namespace platform::recorded

@@ -223,5 +223,11 @@ RecordedWmi& RecordedMachine::recordedWmi() {
 RecordedSetup& RecordedMachine::recordedSetup() {
   return *parts_->setup;
 }
+RecordedPdh& RecordedMachine::recordedPdh() {
+  return *parts_->pdh;
+}
+RecordedSystem& RecordedMachine::recordedSystem() {
+  return *parts_->system;
+}
 
 }  // namespace platform::recorded

@@ -45,6 +45,8 @@ class KPLATFORM_API RecordedMachine : public Machine {
   RecordedNetApi& recordedNet();
   RecordedWmi& recordedWmi();
   RecordedSetup& recordedSetup();
+  RecordedPdh& recordedPdh();
+  RecordedSystem& recordedSystem();
 
   struct Parts;
   struct Source;
