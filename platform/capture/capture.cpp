@@ -35,15 +35,25 @@ fs::path MakeTemporarySibling(const fs::path& target) {
   throw std::runtime_error("cannot make a temporary folder next to " + target.string());
 }
 
+// The folder `directory` names. "DIR/", "DIR/." and "DIR//" name DIR, as both Windows and
+// POSIX take them: kept as written, the parent of "DIR/" would be DIR itself, and the
+// temporary folder would land inside the target.
+fs::path TargetFolder(const std::string& directory) {
+  fs::path target = fs::absolute(fs::path(directory)).lexically_normal();
+  if (!target.has_filename()) target = target.parent_path();
+  if (!target.has_filename()) throw CaptureRefused(directory + " is a root folder");
+  return target;
+}
+
 }  // namespace
 
 void CaptureMachine(Machine& machine, const std::string& directory) {
-  const fs::path target = fs::absolute(fs::path(directory));
+  const fs::path target = TargetFolder(directory);
   std::error_code error;
-  if (fs::exists(target, error) && !fs::is_empty(target, error)) {
-    throw CaptureRefused(directory + " exists and is not empty");
+  if (fs::exists(target, error)) {
+    if (!fs::is_directory(target, error)) throw CaptureRefused(directory + " is not a folder");
+    if (!fs::is_empty(target, error)) throw CaptureRefused(directory + " exists and is not empty");
   }
-  if (target.has_parent_path()) fs::create_directories(target.parent_path());
 
   // Everything is read before anything is written.
   nlohmann::ordered_json facts = CaptureFacts(machine);
@@ -51,6 +61,7 @@ void CaptureMachine(Machine& machine, const std::string& directory) {
   if (!files.versions.empty()) facts["setup"] = {{"versions", files.versions}};
   const std::string registry = ExportRegistry(machine.registry(), machine.system());
 
+  fs::create_directories(target.parent_path());
   const fs::path temporary = MakeTemporarySibling(target);
   try {
     WriteFile(temporary / "machine.json", facts.dump(2) + "\n");

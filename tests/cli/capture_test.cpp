@@ -409,19 +409,60 @@ TEST(CaptureProbes, SeeTheFactsTheyCompare) {
   EXPECT_NE(comments.find(",2e,a,49,"), std::string::npos) << comments;
 }
 
-TEST(CaptureRefusal, ExistingNonEmptyFolderIsABadArgument) {
-  const fs::path out =
-      fs::temp_directory_path() / ("capture_refusal_" + std::to_string(::getpid()));
-  fs::create_directories(out);
-  std::ofstream(out / "keep.txt") << "mine";
-  const std::string source = std::string(IA_SOURCE_DIR) + "/examples/machines/xp-sp3";
-  const char* argv[] = {"iac", "capture", "--machine", source.c_str(), "--out", out.c_str()};
-  std::ostringstream stdout_, stderr_;
-  EXPECT_EQ(iac::run(6, argv, stdout_, stderr_), 2);
-  EXPECT_NE(stderr_.str().find("not empty"), std::string::npos) << stderr_.str();
-  EXPECT_EQ(std::distance(fs::directory_iterator(out), fs::directory_iterator()), 1);
+// --out as people type it: a trailing separator names the folder itself (it once made the
+// temporary folder inside the target and failed, leaving an empty target behind); anything
+// but a new or empty folder is refused and left as it was.
+TEST(CaptureOut, TrailingSeparatorsNameTheFolderAndOnlyEmptyFoldersAreTaken) {
+  const fs::path scratch =
+      fs::temp_directory_path() / ("capture_out_" + std::to_string(::getpid()));
+  const fs::path source = scratch / "source";
+  fs::create_directories(source);
+  std::ofstream(source / "machine.json") << R"({"system": {"computerName": "OUTBOX"}})";
+  enum Prepare { kNothing, kEmptyFolder, kFullFolder, kFile };
+  struct Case {
+    const char* out;
+    Prepare prepare;
+    int status;
+  };
+  const Case cases[] = {
+      {"new", kNothing, 0},     {"new/", kNothing, 0},     {"new//", kNothing, 0},
+      {"new/.", kNothing, 0},   {"a/b/new/", kNothing, 0}, {"new/", kEmptyFolder, 0},
+      {"new/", kFullFolder, 2}, {"new", kFullFolder, 2},   {"new", kFile, 2},
+      {"new/", kFile, 2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.out) + " prepared as " + std::to_string(c.prepare));
+    const fs::path work = scratch / "work";
+    fs::remove_all(work);
+    fs::create_directories(work);
+    if (c.prepare == kEmptyFolder || c.prepare == kFullFolder) fs::create_directory(work / "new");
+    if (c.prepare == kFullFolder) std::ofstream(work / "new" / "keep.txt") << "mine";
+    if (c.prepare == kFile) std::ofstream(work / "new") << "mine";
+    const std::string out = (work / c.out).string();
+    const char* argv[] = {"iac", "capture", "--machine", source.c_str(), "--out", out.c_str()};
+    std::ostringstream stdout_, stderr_;
+    ASSERT_EQ(iac::run(6, argv, stdout_, stderr_), c.status) << stderr_.str();
+    const std::string top = fs::path(c.out).begin()->string();
+    std::vector<std::string> left;
+    for (const fs::directory_entry& entry : fs::directory_iterator(work))
+      left.push_back(entry.path().filename().string());
+    EXPECT_EQ(left, std::vector<std::string>{top}) << "nothing else is left beside it";
+    if (c.status == 0) {
+      auto captured = RecordedMachine::Load((work / c.out).string());
+      char name[64] = {};
+      platform::DWORD size = sizeof name;
+      EXPECT_TRUE(captured->system().GetComputerNameA(name, &size));
+      EXPECT_STREQ(name, "OUTBOX");
+    } else if (c.prepare == kFullFolder) {
+      EXPECT_NE(stderr_.str().find("not empty"), std::string::npos) << stderr_.str();
+      EXPECT_TRUE(fs::exists(work / "new" / "keep.txt"));
+    } else {
+      EXPECT_NE(stderr_.str().find("not a folder"), std::string::npos) << stderr_.str();
+      EXPECT_TRUE(fs::is_regular_file(work / "new"));
+    }
+  }
   platform::Machine::Install(nullptr);
-  fs::remove_all(out);
+  fs::remove_all(scratch);
 }
 
 }  // namespace
