@@ -6,18 +6,18 @@
 
 namespace platform::recorded {
 
-struct RecordedPdh::Query {
-  bool collected = false;
-};
-
 struct RecordedPdh::Counter {
-  Query* query;
+  PDH_HQUERY query;
   std::string path;
   PdhCounterFacts facts;
   DWORD_PTR userData;
 };
 
 namespace {
+
+constexpr std::uint8_t kOpen = 1, kCollected = 2, kClosed = 3;
+// Handles are small numbers far from any address: 0x10000 + 16 x index.
+constexpr std::uintptr_t kQueryBase = 0x10000, kQueryStep = 16;
 
 constexpr PDH_STATUS PDH_NO_DATA = static_cast<PDH_STATUS>(0x800007D5u);
 constexpr PDH_STATUS PDH_INVALID_DATA = static_cast<PDH_STATUS>(0xC0000BC6u);
@@ -113,23 +113,28 @@ PDH_STATUS RecordedPdh::PdhMakeCounterPathA(PDH_COUNTER_PATH_ELEMENTS_A* element
 PDH_STATUS RecordedPdh::PdhOpenQueryA(const char*, DWORD_PTR, PDH_HQUERY* query) {
   if (PDH_STATUS s = forced("openQuery")) return s;
   if (!query) return PDH_INVALID_ARGUMENT;
-  auto q = std::make_unique<Query>();
-  *query = reinterpret_cast<PDH_HQUERY>(q.get());
-  queries_.insert(std::move(q));
+  *query = reinterpret_cast<PDH_HQUERY>(kQueryBase + kQueryStep * queries_.size());
+  queries_.push_back(kOpen);
+  ++openQueries_;
   return PDH_CSTATUS_VALID_DATA;
+}
+
+std::uint8_t* RecordedPdh::findQuery(PDH_HQUERY handle) {
+  const auto value = reinterpret_cast<std::uintptr_t>(handle);
+  if (value < kQueryBase || (value - kQueryBase) % kQueryStep != 0) return nullptr;
+  const std::size_t index = (value - kQueryBase) / kQueryStep;
+  if (index >= queries_.size() || queries_[index] == kClosed) return nullptr;
+  return &queries_[index];
 }
 
 PDH_STATUS RecordedPdh::PdhAddCounterA(PDH_HQUERY query, const char* path, DWORD_PTR userData,
                                        PDH_HCOUNTER* counter) {
   if (PDH_STATUS s = forced("addCounter")) return s;
-  Query* q = nullptr;
-  for (const auto& owned : queries_)
-    if (reinterpret_cast<PDH_HQUERY>(owned.get()) == query) q = owned.get();
-  if (!q) return PDH_INVALID_HANDLE;
+  if (!findQuery(query)) return PDH_INVALID_HANDLE;
   if (!path || !counter) return PDH_INVALID_ARGUMENT;
   auto it = facts_.counters.find(path);
   if (it == facts_.counters.end()) return PDH_CSTATUS_NO_OBJECT;
-  auto c = std::make_unique<Counter>(Counter{q, path, it->second, userData});
+  auto c = std::make_unique<Counter>(Counter{query, path, it->second, userData});
   *counter = reinterpret_cast<PDH_HCOUNTER>(c.get());
   counters_.insert(std::move(c));
   return PDH_CSTATUS_VALID_DATA;
@@ -169,15 +174,13 @@ PDH_STATUS RecordedPdh::PdhGetCounterInfoA(PDH_HCOUNTER handle, BOOLEAN, DWORD* 
 
 PDH_STATUS RecordedPdh::PdhCollectQueryData(PDH_HQUERY query) {
   if (PDH_STATUS s = forced("collectQueryData")) return s;
-  for (const auto& q : queries_) {
-    if (reinterpret_cast<PDH_HQUERY>(q.get()) != query) continue;
-    bool any = false;
-    for (const auto& c : counters_) any = any || c->query == q.get();
-    if (!any) return PDH_NO_DATA;
-    q->collected = true;
-    return PDH_CSTATUS_VALID_DATA;
-  }
-  return PDH_INVALID_HANDLE;
+  std::uint8_t* state = findQuery(query);
+  if (!state) return PDH_INVALID_HANDLE;
+  bool any = false;
+  for (const auto& c : counters_) any = any || c->query == query;
+  if (!any) return PDH_NO_DATA;
+  *state = kCollected;
+  return PDH_CSTATUS_VALID_DATA;
 }
 
 PDH_STATUS RecordedPdh::PdhGetFormattedCounterValue(PDH_HCOUNTER handle, DWORD format, DWORD* type,
@@ -187,7 +190,8 @@ PDH_STATUS RecordedPdh::PdhGetFormattedCounterValue(PDH_HCOUNTER handle, DWORD f
   if (!c) return PDH_INVALID_HANDLE;
   if (!value) return PDH_INVALID_ARGUMENT;
   if (type) *type = c->facts.type;
-  if (!c->query->collected) {
+  const std::uint8_t* state = findQuery(c->query);
+  if (!state || *state != kCollected) {
     value->CStatus = static_cast<DWORD>(PDH_CSTATUS_INVALID_DATA);
     return PDH_INVALID_DATA;
   }
@@ -217,14 +221,13 @@ PDH_STATUS RecordedPdh::PdhRemoveCounter(PDH_HCOUNTER handle) {
 
 PDH_STATUS RecordedPdh::PdhCloseQuery(PDH_HQUERY query) {
   if (PDH_STATUS s = forced("closeQuery")) return s;
-  for (auto it = queries_.begin(); it != queries_.end(); ++it) {
-    if (reinterpret_cast<PDH_HQUERY>(it->get()) != query) continue;
-    for (auto c = counters_.begin(); c != counters_.end();)
-      c = (*c)->query == it->get() ? counters_.erase(c) : std::next(c);
-    queries_.erase(it);
-    return PDH_CSTATUS_VALID_DATA;
-  }
-  return PDH_INVALID_HANDLE;
+  std::uint8_t* state = findQuery(query);
+  if (!state) return PDH_INVALID_HANDLE;
+  for (auto c = counters_.begin(); c != counters_.end();)
+    c = (*c)->query == query ? counters_.erase(c) : std::next(c);
+  *state = kClosed;
+  --openQueries_;
+  return PDH_CSTATUS_VALID_DATA;
 }
 
 }  // namespace platform::recorded

@@ -2,10 +2,12 @@
 // answers (to replay a machine on which one of them failed).
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "platform/export.h"
 #include "platform/pdh.h"
@@ -49,20 +51,25 @@ class KPLATFORM_API RecordedPdh : public Pdh {
   PDH_STATUS PdhCloseQuery(PDH_HQUERY query) override;
 
   // What a run left open.
-  std::size_t openQueries() const { return queries_.size(); }
+  std::size_t openQueries() const { return openQueries_; }
   std::size_t openCounters() const { return counters_.size(); }
 
   // "\\Machine\Object(Parent/Instance#Index)\Counter", the parts that are given.
   static std::string CounterPath(const PDH_COUNTER_PATH_ELEMENTS_A& elements);
 
  private:
-  struct Query;
   struct Counter;
   PDH_STATUS forced(const char* call) const;
   Counter* findCounter(PDH_HCOUNTER handle) const;
+  // The state of the query behind a handle; null for a handle this machine did not give.
+  std::uint8_t* findQuery(PDH_HQUERY handle);
 
   PdhFacts facts_;
-  std::set<std::unique_ptr<Query>> queries_;
+  // One byte per query ever opened (kOpen, kCollected, kClosed), the handle being its index
+  // in disguise: the up-time reader never closes its queries, so a process that reads the
+  // machine many times keeps them all, and they must stay cheap and quick to find.
+  std::vector<std::uint8_t> queries_;
+  std::size_t openQueries_ = 0;
   std::set<std::unique_ptr<Counter>> counters_;
 };
 
