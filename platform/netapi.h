@@ -63,6 +63,14 @@ class NetApi {
                                           DWORD preferredMaximumLength, DWORD* entriesRead,
                                           DWORD* totalEntries, DWORD* resumeHandle) = 0;
   virtual NET_API_STATUS NetApiBufferFree(void* buffer) = 0;
+  // The size in bytes of a buffer handed out above: what its records point at lies inside
+  // it, so a reader can check a pointer before following it. A family that keeps no sizes
+  // (a test's scripted answers) does not implement it.
+  virtual NET_API_STATUS NetApiBufferSize(void* buffer, DWORD* byteCount) {
+    (void)buffer;
+    (void)byteCount;
+    return ERROR_CALL_NOT_IMPLEMENTED;
+  }
   // `size` in characters including the NUL; ERROR_INSUFFICIENT_BUFFER (last error) with
   // the size needed when the buffer is too small.
   virtual BOOL GetUserNameA(char* buffer, DWORD* size) = 0;

@@ -1,7 +1,10 @@
 #include "platform/capture/machine_facts.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -15,6 +18,7 @@ using Json = nlohmann::ordered_json;
 // Bounds on what a machine may hand out, so that a broken one cannot exhaust the capture.
 constexpr size_t kMaxRecords = 100000;
 constexpr ULONG kMaxPageFileBuffer = 1u << 20;
+constexpr size_t kLogonHoursBytes = 21;
 
 Json Failure(DWORD code) {
   return Json{{"error", code}};
@@ -43,6 +47,42 @@ Json Rule(const SYSTEMTIME& t) {
               {"hour", t.wHour},           {"minute", t.wMinute},
               {"second", t.wSecond},       {"milliseconds", t.wMilliseconds}};
 }
+
+// One buffer a NetApi enumeration handed out. Records, and the texts and bytes they point
+// at, are read only where they lie inside it: a machine may hand out a pointer to fewer
+// bytes than the record promises, and reading on would copy whatever follows into the
+// capture.
+class NetBuffer {
+ public:
+  NetBuffer(const BYTE* data, DWORD size)
+      : begin_(reinterpret_cast<std::uintptr_t>(data)), size_(size) {}
+
+  // How many of `read` records of `recordSize` bytes it holds.
+  DWORD records(DWORD read, size_t recordSize) const {
+    return static_cast<DWORD>(std::min<size_t>(read, size_ / recordSize));
+  }
+  bool holds(const void* at, size_t bytes) const {
+    const std::uintptr_t p = reinterpret_cast<std::uintptr_t>(at);
+    return p >= begin_ && p - begin_ <= size_ && bytes <= size_ - (p - begin_);
+  }
+  // A text with its NUL inside the buffer; nothing for null or one that runs out of it.
+  std::optional<std::u16string> text(const WCHAR* at) const {
+    if (!at || !holds(at, 0)) return std::nullopt;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(at);
+    const size_t room = (size_ - (reinterpret_cast<std::uintptr_t>(at) - begin_)) / 2;
+    std::u16string out;
+    for (size_t i = 0; i < room; ++i) {
+      const char16_t c = static_cast<char16_t>(bytes[2 * i] | bytes[2 * i + 1] << 8);
+      if (c == u'\0') return out;
+      out += c;
+    }
+    return std::nullopt;
+  }
+
+ private:
+  std::uintptr_t begin_;
+  size_t size_;
+};
 
 class FactReader {
  public:
@@ -185,9 +225,9 @@ class FactReader {
         [&](BYTE** buffer, DWORD* read, DWORD* total, DWORD* resume) {
           return n.NetUserEnum(nullptr, 3, 0, buffer, MAX_PREFERRED_LENGTH, read, total, resume);
         },
-        [](const USER_INFO_3& u) {
+        [](const USER_INFO_3& u, const NetBuffer& block) {
           Json r;
-          r["name"] = WideToUtf8(u.usri3_name);
+          r["name"] = WideToUtf8(block.text(u.usri3_name).value_or(u"").c_str());
           const std::pair<const char*, WCHAR*> texts[] = {{"password", u.usri3_password},
                                                           {"homeDir", u.usri3_home_dir},
                                                           {"comment", u.usri3_comment},
@@ -200,7 +240,7 @@ class FactReader {
                                                           {"profile", u.usri3_profile},
                                                           {"homeDirDrive", u.usri3_home_dir_drive}};
           for (const auto& [key, text] : texts)
-            if (text) r[key] = WideToUtf8(text);
+            if (const auto value = block.text(text)) r[key] = WideToUtf8(value->c_str());
           const std::pair<const char*, DWORD> numbers[] = {
               {"passwordAge", u.usri3_password_age},
               {"priv", u.usri3_priv},
@@ -219,9 +259,10 @@ class FactReader {
               {"primaryGroupId", u.usri3_primary_group_id},
               {"passwordExpired", u.usri3_password_expired}};
           for (const auto& [key, number] : numbers) r[key] = number;
-          // Logon hours: one bit per hour of the week.
-          if (u.usri3_logon_hours)
-            r["logonHours"] = std::vector<int>(u.usri3_logon_hours, u.usri3_logon_hours + 21);
+          // Logon hours: 21 bytes, one bit per hour of the week.
+          if (block.holds(u.usri3_logon_hours, kLogonHoursBytes))
+            r["logonHours"] =
+                std::vector<int>(u.usri3_logon_hours, u.usri3_logon_hours + kLogonHoursBytes);
           return r;
         });
     // The account reader asks for 100 bytes a call, and where it stops depends on how many
@@ -241,11 +282,14 @@ class FactReader {
         [&](BYTE** buffer, DWORD* read, DWORD* total, DWORD* resume) {
           return n.NetWkstaUserEnum(nullptr, 1, buffer, MAX_PREFERRED_LENGTH, read, total, resume);
         },
-        [](const WKSTA_USER_INFO_1& u) {
-          return Json{{"username", WideToUtf8(u.wkui1_username)},
-                      {"logonDomain", WideToUtf8(u.wkui1_logon_domain)},
-                      {"otherDomains", WideToUtf8(u.wkui1_oth_domains)},
-                      {"logonServer", WideToUtf8(u.wkui1_logon_server)}};
+        [](const WKSTA_USER_INFO_1& u, const NetBuffer& block) {
+          auto text = [&](const WCHAR* at) {
+            return WideToUtf8(block.text(at).value_or(u"").c_str());
+          };
+          return Json{{"username", text(u.wkui1_username)},
+                      {"logonDomain", text(u.wkui1_logon_domain)},
+                      {"otherDomains", text(u.wkui1_oth_domains)},
+                      {"logonServer", text(u.wkui1_logon_server)}};
         });
     return j;
   }
@@ -281,9 +325,18 @@ class FactReader {
       DWORD read = 0, total = 0;
       status = call(&buffer, &read, &total, &resume);
       if ((status == NERR_Success || status == static_cast<DWORD>(ERROR_MORE_DATA)) && buffer) {
+        DWORD size = 0;
+        const NET_API_STATUS sized = n.NetApiBufferSize(buffer, &size);
+        if (sized != NERR_Success) {
+          n.NetApiBufferFree(buffer);
+          throw std::runtime_error("cannot tell the size of an account list (NetApiBufferSize: " +
+                                   std::to_string(sized) + "), so it cannot be read safely");
+        }
+        const NetBuffer block(buffer, size);
         const auto* entries = reinterpret_cast<const Record*>(buffer);
-        for (DWORD i = 0; i < read && records.size() < kMaxRecords; ++i)
-          records.push_back(describe(entries[i]));
+        const DWORD held = block.records(read, sizeof(Record));
+        for (DWORD i = 0; i < held && records.size() < kMaxRecords; ++i)
+          records.push_back(describe(entries[i], block));
       }
       if (buffer) n.NetApiBufferFree(buffer);
     } while (status == static_cast<DWORD>(ERROR_MORE_DATA) && resume != 0 &&

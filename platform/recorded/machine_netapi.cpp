@@ -146,6 +146,10 @@ NetFacts ReadNetFacts(const Field& net, UINT codePage) {
       u.passwordExpired = d("passwordExpired", u.passwordExpired);
       for (const Field& b : r["logonHours"].items())
         u.logonHours.push_back(static_cast<BYTE>(b.asUnsigned(255)));
+      // Windows hands out 21 bytes or a null pointer; readers take the 21 on trust.
+      if (!u.logonHours.empty() && u.logonHours.size() != kLogonHoursBytes)
+        r["logonHours"].fail("expected 21 bytes (one bit per hour of the week), got " +
+                             std::to_string(u.logonHours.size()));
       n.userRecords.push_back(std::move(u));
     }
   }
@@ -166,7 +170,7 @@ RecordedNetApi::RecordedNetApi(NetFacts facts, MachineState& state)
     : facts_(std::move(facts)), state_(state) {}
 
 RecordedNetApi::~RecordedNetApi() {
-  for (void* b : buffers_) delete[] static_cast<BYTE*>(b);
+  for (const auto& handedOut : buffers_) delete[] static_cast<BYTE*>(handedOut.first);
 }
 
 template <typename Record, typename Facts, typename Fill>
@@ -208,7 +212,7 @@ NET_API_STATUS RecordedNetApi::enumerate(const Batching& batching,
     auto* out = reinterpret_cast<Record*>(block);
     StringArea strings(block + count * sizeof(Record));
     for (std::size_t i = 0; i < count; ++i) fill(records[start + i], out[i], strings);
-    buffers_.insert(block);
+    buffers_.emplace(block, bytes);
     *buffer = block;
   }
   *entriesRead = static_cast<DWORD>(count);
@@ -238,6 +242,13 @@ NET_API_STATUS RecordedNetApi::NetApiBufferFree(void* buffer) {
   if (!buffer) return NERR_Success;
   if (buffers_.erase(buffer) == 0) return ERROR_INVALID_PARAMETER;
   delete[] static_cast<BYTE*>(buffer);
+  return NERR_Success;
+}
+
+NET_API_STATUS RecordedNetApi::NetApiBufferSize(void* buffer, DWORD* byteCount) {
+  const auto handedOut = buffers_.find(buffer);
+  if (handedOut == buffers_.end() || !byteCount) return ERROR_INVALID_PARAMETER;
+  *byteCount = static_cast<DWORD>(handedOut->second);
   return NERR_Success;
 }
 

@@ -2,8 +2,8 @@
 // (NetWkstaUserEnum level 1) handed out in batches, and the current user's name.
 #pragma once
 
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -16,6 +16,8 @@ namespace platform::recorded {
 class Field;
 
 constexpr NET_API_STATUS ERROR_INVALID_LEVEL = 124;
+// usri3_logon_hours: one bit per hour of the week.
+constexpr std::size_t kLogonHoursBytes = 21;
 
 struct UserFacts {
   std::u16string name, password, homeDir, comment, scriptPath, fullName, usrComment, parms,
@@ -25,7 +27,7 @@ struct UserFacts {
         acctExpires = 0xFFFFFFFFu, maxStorage = 0xFFFFFFFFu, unitsPerWeek = 168, badPwCount = 0,
         numLogons = 0, countryCode = 0, codePage = 0, userId = 0, primaryGroupId = 513,
         passwordExpired = 0;
-  std::vector<BYTE> logonHours;  // empty: null pointer
+  std::vector<BYTE> logonHours;  // empty: null pointer; else kLogonHoursBytes
 };
 
 struct LoggedOnFacts {
@@ -63,6 +65,7 @@ class KPLATFORM_API RecordedNetApi : public NetApi {
                                   DWORD preferredMaximumLength, DWORD* entriesRead,
                                   DWORD* totalEntries, DWORD* resumeHandle) override;
   NET_API_STATUS NetApiBufferFree(void* buffer) override;
+  NET_API_STATUS NetApiBufferSize(void* buffer, DWORD* byteCount) override;
   BOOL GetUserNameA(char* buffer, DWORD* size) override;
 
   std::size_t outstandingBuffers() const { return buffers_.size(); }
@@ -75,7 +78,7 @@ class KPLATFORM_API RecordedNetApi : public NetApi {
 
   NetFacts facts_;
   MachineState& state_;
-  std::set<void*> buffers_;
+  std::map<void*, std::size_t> buffers_;  // handed out, with their sizes
   DWORD userCalls_ = 0, loggedOnCalls_ = 0;
 };
 

@@ -75,6 +75,9 @@ class LiveNetApi final : public NetApi {
                               As<::DWORD>(totalEntries), As<::DWORD>(resumeHandle));
   }
   NET_API_STATUS NetApiBufferFree(void* buffer) override { return ::NetApiBufferFree(buffer); }
+  NET_API_STATUS NetApiBufferSize(void* buffer, DWORD* byteCount) override {
+    return ::NetApiBufferSize(buffer, As<::DWORD>(byteCount));
+  }
   BOOL GetUserNameA(char* buffer, DWORD* size) override {
     return ::GetUserNameA(buffer, As<::DWORD>(size));
   }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -17,6 +18,7 @@
 #include "cli/app.h"
 #include "collectors/components/os_component_info.h"
 #include "common/log_message.h"
+#include "platform/capture/capture.h"
 #include "platform/machine.h"
 #include "platform/recorded/recorded_machine.h"
 #include "tessilcore/host.h"
@@ -462,6 +464,138 @@ TEST(CaptureOut, TrailingSeparatorsNameTheFolderAndOnlyEmptyFoldersAreTaken) {
     }
   }
   platform::Machine::Install(nullptr);
+  fs::remove_all(scratch);
+}
+
+// An account list laid out by hand in a buffer of exactly its size: one USER_INFO_3, then
+// its pieces in the order given.
+struct Piece {
+  enum Kind { kName, kComment, kHours } kind;
+  size_t length;  // characters of a text (a NUL follows when `ended`), bytes of logon hours
+  bool ended = true;
+};
+
+class HandMadeAccounts : public platform::NetApi {
+ public:
+  std::vector<platform::BYTE> block;
+  platform::DWORD read = 1;
+  bool knowsSize = true;
+
+  void lay(const std::vector<Piece>& pieces) {
+    std::vector<size_t> at;
+    size_t size = sizeof(platform::USER_INFO_3);
+    for (const Piece& p : pieces) {
+      at.push_back(size);
+      size += p.kind == Piece::kHours ? p.length : 2 * (p.length + (p.ended ? 1 : 0));
+    }
+    block.assign(size, 0x78);  // 'x' bytes: never a NUL, in a text or after it
+    platform::USER_INFO_3 user{};
+    for (size_t i = 0; i < pieces.size(); ++i) {
+      platform::BYTE* where = block.data() + at[i];
+      if (pieces[i].kind == Piece::kHours) {
+        user.usri3_logon_hours = where;
+        continue;
+      }
+      for (size_t c = 0; c < pieces[i].length; ++c) where[2 * c] = 'a', where[2 * c + 1] = 0;
+      if (pieces[i].ended) std::memset(where + 2 * pieces[i].length, 0, 2);
+      (pieces[i].kind == Piece::kName ? user.usri3_name : user.usri3_comment) =
+          reinterpret_cast<platform::WCHAR*>(where);
+    }
+    std::memcpy(block.data(), &user, sizeof user);
+  }
+
+  platform::NET_API_STATUS NetUserEnum(const platform::WCHAR*, platform::DWORD, platform::DWORD,
+                                       platform::BYTE** buffer, platform::DWORD,
+                                       platform::DWORD* entriesRead, platform::DWORD* total,
+                                       platform::DWORD* resume) override {
+    *buffer = block.data();
+    *entriesRead = *total = read;
+    if (resume) *resume = 0;
+    return platform::NERR_Success;
+  }
+  platform::NET_API_STATUS NetWkstaUserEnum(const platform::WCHAR*, platform::DWORD,
+                                            platform::BYTE** buffer, platform::DWORD,
+                                            platform::DWORD* entriesRead, platform::DWORD*,
+                                            platform::DWORD*) override {
+    *buffer = nullptr;
+    *entriesRead = 0;
+    return platform::ERROR_CALL_NOT_IMPLEMENTED;
+  }
+  platform::NET_API_STATUS NetApiBufferFree(void*) override { return platform::NERR_Success; }
+  platform::NET_API_STATUS NetApiBufferSize(void* buffer, platform::DWORD* size) override {
+    if (!knowsSize) return platform::NetApi::NetApiBufferSize(buffer, size);
+    *size = static_cast<platform::DWORD>(block.size());
+    return platform::NERR_Success;
+  }
+  platform::BOOL GetUserNameA(char*, platform::DWORD*) override { return platform::FALSE; }
+};
+
+struct HandMadeMachine : Machine {
+  std::shared_ptr<Machine> base = RecordedMachine::FromFiles({{"machine.json", "{}"}});
+  HandMadeAccounts accounts;
+  platform::Registry& registry() override { return base->registry(); }
+  platform::System& system() override { return base->system(); }
+  platform::Pdh& pdh() override { return base->pdh(); }
+  platform::NetApi& net() override { return accounts; }
+  platform::Wmi& wmi() override { return base->wmi(); }
+  platform::Setup& setup() override { return base->setup(); }
+};
+
+// Capture reads an account record only within the buffer it came in: a machine that hands
+// out fewer logon-hour bytes than the 21 of the record, or a text without its NUL, once had
+// the bytes after the buffer copied into machine.json.
+TEST(CaptureAccounts, RecordsAreReadOnlyWithinTheirBuffer) {
+  struct Case {
+    const char* name;
+    std::vector<Piece> pieces;
+    platform::DWORD read;
+    bool knowsSize;
+    std::string expect;  // the records as name/comment/logon-hour count, or the error
+  };
+  const Piece name{Piece::kName, 3}, comment{Piece::kComment, 4}, hours{Piece::kHours, 21};
+  const std::vector<Case> cases = {
+      {"well-formed", {name, comment, hours}, 1, true, "aaa/aaaa/21;"},
+      {"logon hours cut short by the end",
+       {name, comment, {Piece::kHours, 20}},
+       1,
+       true,
+       "aaa/aaaa/-;"},
+      {"comment running out of the buffer",
+       {name, hours, {Piece::kComment, 4, false}},
+       1,
+       true,
+       "aaa/-/21;"},
+      {"name running out of the buffer", {hours, {Piece::kName, 2, false}}, 1, true, "/-/21;"},
+      {"more records counted than held", {name, comment, hours}, 3, true, "aaa/aaaa/21;"},
+      {"size unknown", {name, comment, hours}, 1, false, "cannot tell the size"},
+  };
+  const fs::path scratch =
+      fs::temp_directory_path() / ("capture_net_" + std::to_string(::getpid()));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    fs::remove_all(scratch);
+    HandMadeMachine machine;
+    machine.accounts.lay(c.pieces);
+    machine.accounts.read = c.read;
+    machine.accounts.knowsSize = c.knowsSize;
+    try {
+      platform::capture::CaptureMachine(machine, scratch.string());
+    } catch (const std::runtime_error& e) {
+      EXPECT_NE(std::string(e.what()).find(c.expect), std::string::npos) << e.what();
+      EXPECT_FALSE(fs::exists(scratch));
+      continue;
+    }
+    std::ifstream in(scratch / "machine.json");
+    const nlohmann::json facts = nlohmann::json::parse(in);
+    std::string records;
+    for (const auto& r : facts["net"]["users"]["records"]) {
+      records += r["name"].get<std::string>() + "/" +
+                 (r.contains("comment") ? r["comment"].get<std::string>() : "-") + "/" +
+                 (r.contains("logonHours") ? std::to_string(r["logonHours"].size()) : "-") + ";";
+    }
+    EXPECT_EQ(records, c.expect);
+    EXPECT_NO_THROW(RecordedMachine::Load(scratch.string()));
+  }
   fs::remove_all(scratch);
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/recorded/machine_netapi.h"
+#include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_machine.h"
 
 namespace {
@@ -18,7 +19,7 @@ std::shared_ptr<RecordedMachine> WithNet(const std::string& net) {
 
 const char* kFiveUsers = R"({"users": {"failAfterBatches": 3, "failStatus": 2221, "records": [
     {"name": "a", "fullName": "Anna", "userId": 1000, "lastLogon": 1279211400,
-     "logonHours": [255, 255, 255]},
+     "logonHours": [0, 0, 255, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 255]},
     {"name": "b"}, {"name": "c"}, {"name": "d"}, {"name": "e"}]}})";
 
 TEST(MachineNetApi, UserEnumHandsOutBatchesUntilTheRecordedStatus) {
@@ -107,6 +108,61 @@ TEST(MachineNetApi, RecordsCarryTheirFieldsInOneBuffer) {
   EXPECT_EQ(m->net().NetApiBufferFree(buffer), NERR_Success);
   EXPECT_EQ(m->net().NetApiBufferFree(buffer),
             static_cast<NET_API_STATUS>(ERROR_INVALID_PARAMETER));
+}
+
+// Logon hours are Windows' 21 bytes or a null pointer, and every pointer of a record lies
+// inside the buffer whose size NetApiBufferSize answers: readers check against it.
+TEST(MachineNetApi, LogonHoursAreTwentyOneBytesInsideTheBuffer) {
+  struct Case {
+    std::string hours;
+    size_t handedOut;  // bytes at usri3_logon_hours; 0 for null; npos: refused at load
+  };
+  auto bytes = [](size_t n) {
+    std::string list;
+    for (size_t i = 0; i < n; ++i) list += (i ? "," : "") + std::to_string(i);
+    return "[" + list + "]";
+  };
+  const Case cases[] = {{"[]", 0},
+                        {bytes(21), 21},
+                        {bytes(1), std::string::npos},
+                        {bytes(20), std::string::npos},
+                        {bytes(22), std::string::npos}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.hours);
+    const std::string users = R"({"users": {"records": [{"name": "a", "comment": "long enough",
+                                  "logonHours": )" +
+                              c.hours + "}]}}";
+    if (c.handedOut == std::string::npos) {
+      try {
+        WithNet(users);
+        ADD_FAILURE() << "accepted";
+      } catch (const RecordError& e) {
+        EXPECT_NE(std::string(e.what()).find("logonHours: expected 21 bytes"), std::string::npos)
+            << e.what();
+      }
+      continue;
+    }
+    auto m = WithNet(users);
+    BYTE* buffer = nullptr;
+    DWORD read = 0, total = 0, resume = 0, size = 0;
+    ASSERT_EQ(
+        m->net().NetUserEnum(nullptr, 3, 0, &buffer, MAX_PREFERRED_LENGTH, &read, &total, &resume),
+        NERR_Success);
+    ASSERT_EQ(m->net().NetApiBufferSize(buffer, &size), NERR_Success);
+    const auto* user = reinterpret_cast<USER_INFO_3*>(buffer);
+    if (c.handedOut == 0) {
+      EXPECT_EQ(user->usri3_logon_hours, nullptr);
+    } else {
+      EXPECT_GE(user->usri3_logon_hours, buffer + sizeof(USER_INFO_3));
+      EXPECT_LE(user->usri3_logon_hours + c.handedOut, buffer + size);
+      EXPECT_EQ(user->usri3_logon_hours[20], 20);
+    }
+    const WCHAR* last = user->usri3_home_dir_drive;  // the last string of the record
+    EXPECT_LE(reinterpret_cast<const BYTE*>(last + 1), buffer + size);
+    EXPECT_EQ(m->net().NetApiBufferFree(buffer), NERR_Success);
+    EXPECT_EQ(m->net().NetApiBufferSize(buffer, &size),
+              static_cast<NET_API_STATUS>(ERROR_INVALID_PARAMETER));
+  }
 }
 
 TEST(MachineNetApi, LevelsAndLoggedOnUsers) {
