@@ -1,5 +1,8 @@
 #include "platform/recorded/machine_inf.h"
 
+#include <algorithm>
+#include <functional>
+
 #include "platform/recorded/machine_text.h"
 
 namespace platform::recorded {
@@ -65,6 +68,12 @@ InfFile InfFile::Parse(const std::string& text) {
     logical.clear();
   }
   if (!logical.empty()) inf.addLine(logical, &current);
+  inf.stringsSection_ = inf.findSection("Strings");
+  if (inf.stringsSection_ >= 0) {
+    const auto& lines = inf.sections_[static_cast<std::size_t>(inf.stringsSection_)].lines;
+    for (std::size_t i = 0; i < lines.size(); ++i)
+      if (lines[i].hasKey) inf.strings_.emplace(Lower(lines[i].key), i);
+  }
   return inf;
 }
 
@@ -84,7 +93,8 @@ void InfFile::addLine(const std::string& logical, int* current) {
     } else {
       *current = static_cast<int>(sections_.size());
       index_[Lower(name)] = *current;
-      sections_.push_back(InfSection{name, {}});
+      sections_.emplace_back();
+      sections_.back().name = name;
     }
     return;
   }
@@ -125,11 +135,33 @@ int InfFile::findSection(const std::string& name) const {
   return it == index_.end() ? -1 : it->second;
 }
 
+int InfFile::findLine(int section, const std::string& key) {
+  if (section < 0 || static_cast<std::size_t>(section) >= sections_.size()) return -1;
+  InfSection& s = sections_[static_cast<std::size_t>(section)];
+  const std::hash<std::string> hash;
+  if (!s.keyIndexBuilt) {
+    for (std::size_t i = 0; i < s.lines.size(); ++i)
+      if (s.lines[i].hasKey)
+        s.keyIndex.emplace_back(hash(Lower(substitute(s.lines[i].key))),
+                                static_cast<std::uint32_t>(i));
+    std::sort(s.keyIndex.begin(), s.keyIndex.end());
+    s.keyIndexBuilt = true;
+  }
+  const std::string wanted = Lower(key);
+  const std::size_t wantedHash = hash(wanted);
+  auto at = std::lower_bound(s.keyIndex.begin(), s.keyIndex.end(),
+                             std::make_pair(wantedHash, std::uint32_t{0}));
+  // Lines of one hash in line order; another key with the same hash is passed over.
+  for (; at != s.keyIndex.end() && at->first == wantedHash; ++at)
+    if (Lower(substitute(s.lines[at->second].key)) == wanted) return static_cast<int>(at->second);
+  return -1;
+}
+
 std::string InfFile::substitute(const std::string& raw) const {
-  const int strings = findSection("Strings");
+  const std::size_t limit = std::max(raw.size(), kMaxSubstitutedLength);
   std::string out;
   std::size_t i = 0;
-  while (i < raw.size()) {
+  while (i < raw.size() && out.size() < limit) {
     if (raw[i] != '%') {
       out.push_back(raw[i++]);
       continue;
@@ -142,21 +174,18 @@ std::string InfFile::substitute(const std::string& raw) const {
     if (close == i + 1) {
       out.push_back('%');
     } else {
-      const std::string name = Lower(raw.substr(i + 1, close - i - 1));
-      bool found = false;
-      if (strings >= 0) {
-        for (const InfLine& l : sections_[static_cast<std::size_t>(strings)].lines) {
-          if (l.hasKey && Lower(l.key) == name) {
-            out += l.fields.empty() ? "" : l.fields[0];
-            found = true;
-            break;
-          }
-        }
+      const auto found = strings_.find(Lower(raw.substr(i + 1, close - i - 1)));
+      if (found == strings_.end()) {
+        out.append(raw, i, close - i + 1);
+      } else {
+        const std::vector<std::string>& fields =
+            sections_[static_cast<std::size_t>(stringsSection_)].lines[found->second].fields;
+        if (!fields.empty()) out.append(fields[0], 0, limit - std::min(limit, out.size()));
       }
-      if (!found) out.append(raw, i, close - i + 1);
     }
     i = close + 1;
   }
+  if (out.size() > limit) out.resize(limit);
   return out;
 }
 

@@ -119,14 +119,12 @@ BOOL RecordedSetup::SetupFindFirstLineA(HINF handle, const char* section, const 
     return FALSE;
   }
   const int s = inf->findSection(section ? section : "");
-  if (s >= 0) {
-    const auto& lines = inf->sections()[static_cast<std::size_t>(s)].lines;
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-      if (key && !(lines[i].hasKey && EqualsNoCase(inf->substitute(lines[i].key), key))) continue;
-      *context = INFCONTEXT{inf, inf, static_cast<UINT>(s), static_cast<UINT>(i)};
-      state_.lastError = ERROR_SUCCESS;
-      return TRUE;
-    }
+  const bool any = s >= 0 && !inf->sections()[static_cast<std::size_t>(s)].lines.empty();
+  const int line = !key ? (any ? 0 : -1) : inf->findLine(s, key);
+  if (line >= 0) {
+    *context = INFCONTEXT{inf, inf, static_cast<UINT>(s), static_cast<UINT>(line)};
+    state_.lastError = ERROR_SUCCESS;
+    return TRUE;
   }
   state_.fail(ERROR_LINE_NOT_FOUND);
   return FALSE;
