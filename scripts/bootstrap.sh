@@ -2,17 +2,23 @@
 # Installs the Debian 12 packages this project needs; does nothing when they are there.
 #   scripts/bootstrap.sh run    what building and running iac needs
 #   scripts/bootstrap.sh test   that, plus tests, sanitizers, the Windows build and Wine
+#   scripts/bootstrap.sh fuzz   what building iac needs, plus clang and its libFuzzer and
+#                               sanitizer runtimes (scripts/fuzz.sh)
 set -euo pipefail
 
 run_pkgs=(g++ make cmake pkg-config ccache libboost-dev nlohmann-json3-dev libcli11-dev
           libhivex-dev)
 test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev libhivex-bin clang-format
            g++-mingw-w64-x86-64-posix wine wine64)
+# libclang_rt.fuzzer*.a and the sanitizer runtimes come with libclang-rt-dev, which clang
+# only recommends.
+fuzz_pkgs=(clang libclang-rt-dev)
 
 case "${1:-test}" in
   run) want=("${run_pkgs[@]}") ;;
   test) want=("${run_pkgs[@]}" "${test_pkgs[@]}") ;;
-  *) echo "usage: $0 [run|test]" >&2; exit 2 ;;
+  fuzz) want=("${run_pkgs[@]}" "${fuzz_pkgs[@]}") ;;
+  *) echo "usage: $0 [run|test|fuzz]" >&2; exit 2 ;;
 esac
 
 missing=()
