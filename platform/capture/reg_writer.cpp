@@ -1,9 +1,12 @@
 #include "platform/capture/reg_writer.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <vector>
 
 #include "platform/capture/ansi_text.h"
+#include "platform/recorded/reg_parser.h"
+#include "platform/recorded/registry_model.h"
 
 namespace platform::capture {
 namespace {
@@ -21,13 +24,20 @@ std::u16string Ascii(const std::string& text) {
   return std::u16string(text.begin(), text.end());
 }
 
+// A quoted name or string. The parser reads a line end inside quotes as one LF, so an LF is
+// written as a whole line end: a stored CR LF then reads back as CR and LF.
 std::u16string Quoted(const std::u16string& text) {
   std::u16string out = u"\"";
   for (char16_t c : text) {
     if (c == u'\\' || c == u'"') out += u'\\';
+    if (c == u'\n') out += u'\r';
     out += c;
   }
   return out + u"\"";
+}
+
+bool HasLineBreak(const std::u16string& name) {
+  return name.find_first_of(u"\r\n") != std::u16string::npos;
 }
 
 std::string Utf16LeBytes(const std::u16string& text) {
@@ -73,9 +83,14 @@ class Exporter {
     HKEY key = nullptr;
     if (registry_.RegOpenKeyExA(root, readPath.c_str(), 0, kAccess, &key) != ERROR_SUCCESS) return;
     ++keys_;
-    text_ += u"[" +
-             Ascii(root == HKEY_CURRENT_USER ? "HKEY_CURRENT_USER\\" : "HKEY_LOCAL_MACHINE\\") +
-             AnsiToWide(system_, writePath) + u"]\r\n";
+    const std::u16string path = AnsiToWide(system_, writePath);
+    // A line break would end the key line and start whatever the name holds next.
+    const bool escape = HasLineBreak(path);
+    if (escape) text_.append(recorded::kEscapedKeyLine).append(u"\r\n");
+    text_ += root == HKEY_CURRENT_USER ? u"[HKEY_CURRENT_USER" : u"[HKEY_LOCAL_MACHINE";
+    for (const std::u16string& name : recorded::SplitPath(path))
+      text_.append(u"\\").append(escape ? recorded::EscapeKeyName(name) : name);
+    text_ += u"]\r\n";
     writeValues(key);
     text_ += u"\r\n";
     std::vector<std::string> children = withSubKeys ? subKeys(key) : std::vector<std::string>();
@@ -101,7 +116,13 @@ class Exporter {
         continue;
       }
       if (status != ERROR_SUCCESS) break;
-      names.emplace_back(name.data(), length);
+      std::string child(name.data(), std::min<size_t>(length, name.size()));
+      // Only a key that the A calls open by this name, and that a recorded machine can hold:
+      // a name with a NUL (made through the native API) would open another key, often the
+      // parent itself.
+      const std::u16string wide = AnsiToWide(system_, child);
+      if (child.find('\0') != std::string::npos || recorded::KeyNameFault(wide)) continue;
+      names.push_back(std::move(child));
     }
     return names;
   }

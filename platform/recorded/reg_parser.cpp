@@ -73,6 +73,25 @@ std::u16string Decode(const std::string& name, const std::string& bytes, unsigne
   return Utf8ToWide(bytes);
 }
 
+// "%XX" escapes of an escaped key line back into characters; false for a '%' without two
+// hex digits.
+bool UnescapeKeyName(std::u16string& name) {
+  std::u16string out;
+  for (size_t i = 0; i < name.size(); ++i) {
+    if (name[i] != u'%') {
+      out += name[i];
+      continue;
+    }
+    const int high = i + 2 < name.size() ? HexDigit(name[i + 1]) : -1;
+    const int low = high >= 0 ? HexDigit(name[i + 2]) : -1;
+    if (low < 0) return false;
+    out += static_cast<char16_t>(high * 16 + low);
+    i += 2;
+  }
+  name = std::move(out);
+  return true;
+}
+
 class Parser {
  public:
   Parser(RegistryTree& tree, const std::string& name, std::u16string text, unsigned codePage)
@@ -94,7 +113,9 @@ class Parser {
       while (pos_ < text_.size() && IsBlank(text_[pos_])) ++pos_;
       if (pos_ >= text_.size()) break;
       const char16_t c = text_[pos_];
-      if (c == u'\r' || c == u'\n' || c == u';') {
+      if (c == u';') {
+        if (Trim(readLine()) == kEscapedKeyLine) escapedKey_ = true;
+      } else if (c == u'\r' || c == u'\n') {
         readLine();
       } else if (c == u'[') {
         keyLine();
@@ -134,7 +155,15 @@ class Parser {
     std::u16string path = text.substr(1, text.size() - 2);
     const bool remove = !path.empty() && path[0] == u'-';
     if (remove) path.erase(0, 1);
-    const std::vector<std::u16string> parts = SplitPath(path);
+    std::vector<std::u16string> parts = SplitPath(path);
+    if (escapedKey_) {
+      escapedKey_ = false;
+      for (auto& part : parts) {
+        if (!UnescapeKeyName(part))
+          fail(at, "escaped key name with a '%' not followed by two hex digits: " +
+                       QuoteForMessage(part));
+      }
+    }
     if (parts.empty()) fail(at, "empty key name");
     std::vector<std::u16string> full = RootPath(parts[0]);
     if (full.empty()) fail(at, "unknown root key " + QuoteForMessage(parts[0]));
@@ -330,11 +359,30 @@ class Parser {
   size_t line_ = 1;
   bool regedit4_ = false;
   bool inKey_ = false;
+  bool escapedKey_ = false;  // the next key line is escaped
   RegKey* current_ = nullptr;
   LoadBudget budget_;
 };
 
 }  // namespace
+
+const char16_t kEscapedKeyLine[] = u";%-escaped key";
+
+std::u16string EscapeKeyName(const std::u16string& name) {
+  std::u16string out;
+  for (char16_t c : name) {
+    if (c == u'%') {
+      out += u"%25";
+    } else if (c == u'\r') {
+      out += u"%0D";
+    } else if (c == u'\n') {
+      out += u"%0A";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
 
 void ApplyRegFile(RegistryTree& tree, const std::string& name, const std::string& bytes,
                   unsigned ansiCodePage) {

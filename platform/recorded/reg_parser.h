@@ -17,4 +17,12 @@ namespace platform::recorded {
 KPLATFORM_API void ApplyRegFile(RegistryTree& tree, const std::string& name,
                                 const std::string& bytes, unsigned ansiCodePage);
 
+// A key line holds no line break, yet a key name may. Such a key is written as the comment
+// line kEscapedKeyLine, then its key line with "%" followed by two hex digits standing for
+// that character in every name of the path ("%0D", "%0A", "%25" for CR, LF and '%'). Other
+// readers take the comment as a comment and the names as written, so nothing is injected.
+KPLATFORM_API extern const char16_t kEscapedKeyLine[];
+// `name` in that form.
+KPLATFORM_API std::u16string EscapeKeyName(const std::u16string& name);
+
 }  // namespace platform::recorded

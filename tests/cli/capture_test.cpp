@@ -21,6 +21,7 @@
 #include "platform/capture/capture.h"
 #include "platform/machine.h"
 #include "platform/recorded/recorded_machine.h"
+#include "platform/recorded/reg_parser.h"
 #include "tessilcore/host.h"
 
 namespace {
@@ -530,13 +531,18 @@ class HandMadeAccounts : public platform::NetApi {
   platform::BOOL GetUserNameA(char*, platform::DWORD*) override { return platform::FALSE; }
 };
 
-struct HandMadeMachine : Machine {
-  std::shared_ptr<Machine> base = RecordedMachine::FromFiles({{"machine.json", "{}"}});
-  HandMadeAccounts accounts;
-  platform::Registry& registry() override { return base->registry(); }
+// A recorded machine with its registry or its NetApi replaced.
+struct PatchedMachine : Machine {
+  explicit PatchedMachine(std::shared_ptr<Machine> from) : base(std::move(from)) {}
+  std::shared_ptr<Machine> base;
+  platform::Registry* registryPatch = nullptr;
+  platform::NetApi* netPatch = nullptr;
+  platform::Registry& registry() override {
+    return registryPatch ? *registryPatch : base->registry();
+  }
   platform::System& system() override { return base->system(); }
   platform::Pdh& pdh() override { return base->pdh(); }
-  platform::NetApi& net() override { return accounts; }
+  platform::NetApi& net() override { return netPatch ? *netPatch : base->net(); }
   platform::Wmi& wmi() override { return base->wmi(); }
   platform::Setup& setup() override { return base->setup(); }
 };
@@ -574,10 +580,12 @@ TEST(CaptureAccounts, RecordsAreReadOnlyWithinTheirBuffer) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     fs::remove_all(scratch);
-    HandMadeMachine machine;
-    machine.accounts.lay(c.pieces);
-    machine.accounts.read = c.read;
-    machine.accounts.knowsSize = c.knowsSize;
+    HandMadeAccounts accounts;
+    accounts.lay(c.pieces);
+    accounts.read = c.read;
+    accounts.knowsSize = c.knowsSize;
+    PatchedMachine machine(RecordedMachine::FromFiles({{"machine.json", "{}"}}));
+    machine.netPatch = &accounts;
     try {
       platform::capture::CaptureMachine(machine, scratch.string());
     } catch (const std::runtime_error& e) {
@@ -597,6 +605,147 @@ TEST(CaptureAccounts, RecordsAreReadOnlyWithinTheirBuffer) {
     EXPECT_NO_THROW(RecordedMachine::Load(scratch.string()));
   }
   fs::remove_all(scratch);
+}
+
+const char kUninstall[] = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
+
+std::string Utf16Export(const std::u16string& text) {
+  std::string bytes = "\xFF\xFE";
+  for (char16_t c : text) bytes += {static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
+  return bytes;
+}
+
+// Key names as Windows allows them (any character but '\', up to 255) and value names with
+// line breaks come back from a capture as they were. Written as they are, a line break or a
+// ']' in a key name ended the key line: the rest of the name added values the machine never
+// had, or the capture did not load.
+class RegistryCaptureTest : public CaptureTest {};
+
+TEST_F(RegistryCaptureTest, HostileNamesRoundTrip) {
+  const std::vector<std::u16string> names = {
+      u"App]\r\n\"UninstallString\"=\"evil.exe\"\r\n;",
+      u"Line\r\nBreak",
+      u"LF\nonly",
+      u"CR\ronly",
+      u"CR at the end\r",
+      u"]",
+      u"[bracketed]",
+      u"-dash",
+      u"  blanks  ",
+      u"100%",
+      u"%0A",
+      u";semicolon",
+      u"@",
+      u"\"quoted\"",
+      u"caf\u00e9",
+      u"\ttab",
+      std::u16string(255, u'n'),
+  };
+  std::u16string text = u"Windows Registry Editor Version 5.00\r\n\r\n";
+  for (size_t i = 0; i < names.size(); ++i) {
+    text += platform::recorded::kEscapedKeyLine;
+    text += u"\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" +
+            platform::recorded::EscapeKeyName(names[i]) + u"]\r\n\"DisplayName\"=\"" +
+            std::u16string(1, static_cast<char16_t>(u'a' + i)) + u"\"\r\n";
+  }
+  // Stored LF, CR LF and CR, as the parser reads line ends inside quotes.
+  text += u"\"v\r\nLF\"=\"1\"\r\n\"v\r\r\nCRLF\"=\"2\"\r\n\"v\rCR\"=\"3\"\r\n";
+  const fs::path captured = captureOf({{"registry/hostile.reg", Utf16Export(text)}});
+  auto original = RecordedMachine::Load((scratch / "source").string());
+  auto copy = RecordedMachine::Load(captured.string());
+  const std::string source = DumpKey(*original, HKLM, kUninstall, true);
+  EXPECT_EQ(DumpKey(*copy, HKLM, kUninstall, true), source);
+  // The source holds what the test meant: every name, and the three value names.
+  platform::HKEY key = nullptr;
+  ASSERT_EQ(original->registry().RegOpenKeyExA(HKLM, kUninstall, 0, platform::KEY_READ, &key), 0);
+  platform::DWORD keys = 0;
+  original->registry().RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &keys, nullptr, nullptr,
+                                        nullptr, nullptr, nullptr, nullptr, nullptr);
+  original->registry().RegCloseKey(key);
+  EXPECT_EQ(keys, names.size());
+  for (const char* value : {"v\nLF 1 ", "v\r\nCRLF 1 ", "v\rCR 1 "})
+    EXPECT_NE(source.find(value), std::string::npos) << value;
+  EXPECT_NE(copy->registry().RegOpenKeyExA(HKLM, (std::string(kUninstall) + "\\App").c_str(), 0,
+                                           platform::KEY_READ, &key),
+            0);
+}
+
+// Lists, after a key's own sub-keys, names that no key opened by name through the A calls
+// has: one holding a NUL (made through the native API), and those of a broken registry.
+class ExtraNames : public platform::Registry {
+ public:
+  ExtraNames(platform::Registry& base, std::vector<std::string> extra)
+      : base_(base), extra_(std::move(extra)) {}
+  platform::LONG RegOpenKeyExA(platform::HKEY root, const char* path, platform::DWORD options,
+                               platform::REGSAM sam, platform::HKEY* result) override {
+    const platform::LONG status = base_.RegOpenKeyExA(root, path, options, sam, result);
+    if (status == 0 && path && std::string(path) == kUninstall) listing_ = *result;
+    return status;
+  }
+  platform::LONG RegCloseKey(platform::HKEY key) override {
+    if (key == listing_) listing_ = nullptr;
+    return base_.RegCloseKey(key);
+  }
+  platform::LONG RegQueryInfoKeyA(platform::HKEY key, char* c, platform::DWORD* cl,
+                                  platform::DWORD* r, platform::DWORD* subKeys,
+                                  platform::DWORD* msl, platform::DWORD* mcl,
+                                  platform::DWORD* values, platform::DWORD* mvnl,
+                                  platform::DWORD* mvl, platform::DWORD* sd,
+                                  platform::FILETIME* t) override {
+    return base_.RegQueryInfoKeyA(key, c, cl, r, subKeys, msl, mcl, values, mvnl, mvl, sd, t);
+  }
+  platform::LONG RegEnumKeyExA(platform::HKEY key, platform::DWORD index, char* name,
+                               platform::DWORD* length, platform::DWORD* reserved, char* className,
+                               platform::DWORD* classLength, platform::FILETIME* time) override {
+    const platform::LONG status =
+        base_.RegEnumKeyExA(key, index, name, length, reserved, className, classLength, time);
+    platform::DWORD own = 0;
+    if (status != platform::ERROR_NO_MORE_ITEMS || key != listing_ ||
+        base_.RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &own, nullptr, nullptr, nullptr,
+                               nullptr, nullptr, nullptr, nullptr) != 0 ||
+        index - own >= extra_.size())
+      return status;
+    const std::string& extra = extra_[index - own];
+    if (*length <= extra.size())
+      return *length = static_cast<platform::DWORD>(extra.size()), platform::ERROR_MORE_DATA;
+    std::memcpy(name, extra.c_str(), extra.size() + 1);
+    *length = static_cast<platform::DWORD>(extra.size());
+    return 0;
+  }
+  platform::LONG RegEnumValueA(platform::HKEY key, platform::DWORD index, char* name,
+                               platform::DWORD* nameLength, platform::DWORD* reserved,
+                               platform::DWORD* type, platform::BYTE* data,
+                               platform::DWORD* dataLength) override {
+    return base_.RegEnumValueA(key, index, name, nameLength, reserved, type, data, dataLength);
+  }
+  platform::LONG RegQueryValueExA(platform::HKEY key, const char* valueName,
+                                  platform::DWORD* reserved, platform::DWORD* type,
+                                  platform::BYTE* data, platform::DWORD* dataLength) override {
+    return base_.RegQueryValueExA(key, valueName, reserved, type, data, dataLength);
+  }
+
+ private:
+  platform::Registry& base_;
+  std::vector<std::string> extra_;
+  platform::HKEY listing_ = nullptr;
+};
+
+// A sub-key that cannot be opened by its name is left out: opened by what its name holds
+// before a NUL, "\0hidden" reopened the key itself (and was then written with the NUL,
+// which no export may hold).
+TEST_F(RegistryCaptureTest, SubKeysThatCannotBeOpenedByNameAreLeftOut) {
+  const std::string source =
+      std::string("Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\") +
+      kUninstall + "\\Kept]\r\n\"DisplayName\"=\"Kept\"\r\n";
+  fs::create_directories(scratch / "source" / "registry");
+  std::ofstream(scratch / "source" / "registry" / "u.reg", std::ios::binary) << source;
+  PatchedMachine machine(RecordedMachine::Load((scratch / "source").string()));
+  ExtraNames extra(machine.base->registry(), {std::string("\0hidden", 7), std::string("x\0y", 3),
+                                              "", "a\\b", std::string(256, 'n')});
+  machine.registryPatch = &extra;
+  platform::capture::CaptureMachine(machine, (scratch / "out").string());
+  auto copy = RecordedMachine::Load((scratch / "out").string());
+  EXPECT_EQ(DumpKey(*copy, HKLM, kUninstall, true), DumpKey(*machine.base, HKLM, kUninstall, true));
 }
 
 }  // namespace

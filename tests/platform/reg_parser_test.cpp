@@ -262,6 +262,57 @@ TEST(RegParser, WhatWindowsCannotHoldIsRefused) {
 // Memory follows the file: lines that each make 31 one-letter keys are refused once
 // they pass the file's allowance, long before their end; a dense but plausible export
 // (150,000 short dword values) is not.
+// A key name holding a line break has no plain key line: capture writes the key line
+// %-escaped after a marker comment. The marker covers the next key line only; '%' elsewhere
+// is a character like any other, and what an escape makes is checked as any name is.
+TEST(RegParser, EscapedKeyLines) {
+  const std::string mark = ";%-escaped key\r\n";
+  struct Case {
+    std::string lines;                  // after the header
+    std::vector<std::u16string> under;  // the names below HKLM\SOFTWARE\T, as listed
+    const char* error;                  // or the message
+  };
+  const Case cases[] = {
+      {mark + "[HKLM\\SOFTWARE\\T\\Line%0D%0ABreak]\r\n", {u"Line\r\nBreak"}, nullptr},
+      {"  " + mark + "[HKLM\\SOFTWARE\\T\\100%25%0a]\r\n", {u"100%\n"}, nullptr},
+      {mark + "[HKLM\\SOFTWARE\\T\\a%41]\r\n[HKLM\\SOFTWARE\\T\\b%41]\r\n",
+       {u"aA", u"b%41"},
+       nullptr},
+      {"[HKLM\\SOFTWARE\\T\\50%0A]\r\n; %-escaped key\r\n[HKLM\\SOFTWARE\\T\\%25]\r\n",
+       {u"%25", u"50%0A"},
+       nullptr},
+      {mark + "[HKLM\\SOFTWARE\\T\\" + std::string(254, 'x') + "%0A]\r\n",
+       {std::u16string(254, u'x') + u"\n"},
+       nullptr},
+      {mark + "[HKLM\\SOFTWARE\\T\\" + std::string(255, 'x') + "%0A]\r\n",
+       {},
+       "t.reg:5: key with a name longer than 255 characters"},
+      {mark + "[HKLM\\SOFTWARE\\T\\bad%4]\r\n",
+       {},
+       "t.reg:5: escaped key name with a '%' not followed by two hex digits: 'bad%4'"},
+      {mark + "[HKLM\\SOFTWARE\\T\\bad%zz]\r\n", {}, "t.reg:5: escaped key name with a '%'"},
+      {mark + "[HKLM\\SOFTWARE\\T\\a%5Cb]\r\n", {}, "t.reg:5: key with a '\\' in its name"},
+      {mark + "[HKLM\\SOFTWARE\\T\\a%00b]\r\n", {}, "t.reg:5: key with a NUL character"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.lines);
+    RegistryTree tree;
+    try {
+      ApplyRegFile(tree, "t.reg", kHeader + "[HKLM\\SOFTWARE\\T]\r\n" + c.lines, 1252);
+    } catch (const RecordError& e) {
+      ASSERT_NE(c.error, nullptr) << e.what();
+      EXPECT_EQ(std::string(e.what()).rfind(c.error, 0), 0u) << e.what();
+      continue;
+    }
+    ASSERT_EQ(c.error, nullptr);
+    const RegKey* key = tree.find(kKey);
+    ASSERT_NE(key, nullptr);
+    std::vector<std::u16string> under;
+    for (size_t i = 0; i < key->subKeyCount(); ++i) under.push_back(key->subKey(i).name());
+    EXPECT_EQ(under, c.under);
+  }
+}
+
 TEST(RegParser, DenseFilesAreRefusedBeforeTheyGrow) {
   std::string tail;
   for (int i = 0; i < 30; ++i) tail += "\\k";
