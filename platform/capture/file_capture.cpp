@@ -207,26 +207,28 @@ class FileReader {
   }
 
   // Records the version resource (null for a file without one) of the file that a reader
-  // of `readerPath` with redirection on or off reaches; true when it has one.
+  // of `readerPath` with redirection on or off reaches; true when it has one. A file that is
+  // not there costs one call and leaves nothing behind: the PATH search makes one such
+  // lookup per setup DLL and directory, and keeping each (or converting its path) made a
+  // capture take many times the reader's time and memory.
   bool version(const std::string& readerPath, bool redirected) {
     const std::string windowsPath = landsAt(readerPath, redirected);
-    const std::string key = AnsiToUtf8(s_, windowsPath);
-    if (relativePath(windowsPath).empty()) return false;
-    if (result.versions.contains(key)) return !result.versions[key].is_null();
-    if (missing_.count(key)) return false;
     const std::string opened = toOpen(readerPath, windowsPath);
     DWORD handle = 0;
     const DWORD size = setup_.GetFileVersionInfoSizeA(opened.c_str(), &handle);
-    if (size == 0) {
-      if (s_.GetLastError() == static_cast<DWORD>(ERROR_RESOURCE_TYPE_NOT_FOUND)) {
-        result.versions[key] = nullptr;
-      } else {
-        missing_.insert(key);
-      }
-      return false;
+    const bool withoutVersion =
+        size == 0 && s_.GetLastError() == static_cast<DWORD>(ERROR_RESOURCE_TYPE_NOT_FOUND);
+    if ((size == 0 && !withoutVersion) || relativePath(windowsPath).empty()) return false;
+    const std::string key = AnsiToUtf8(s_, windowsPath);
+    const auto known = recorded_.find(key);
+    if (known != recorded_.end()) return known->second;
+    if (withoutVersion) {
+      result.versions[key] = nullptr;
+      return recorded_[key] = false;
     }
     std::vector<BYTE> block(size);
     if (!setup_.GetFileVersionInfoA(opened.c_str(), handle, size, block.data())) return false;
+    recorded_[key] = true;
     void* pointer = nullptr;
     UINT length = 0;
     if (!setup_.VerQueryValueA(block.data(), "\\VarFileInfo\\Translation", &pointer, &length) ||
@@ -265,7 +267,7 @@ class FileReader {
   bool redirectionOff_ = false;  // this capture turned file-system redirection off
   void* previousRedirection_ = nullptr;
   std::string windowsDirectory_;
-  std::set<std::string> missing_;  // files found nowhere, by recorded path
+  std::map<std::string, bool> recorded_;  // versions recorded, by path: true with a version
   std::map<std::string, bool> listsComponents_;
 };
 
