@@ -28,15 +28,17 @@ fi
 runs=build/fuzz/runs/$(date +%Y%m%d-%H%M%S)
 mkdir -p "$runs"
 
-# One target: a fresh copy of its corpus (libFuzzer adds what it finds there), a per-input
-# timeout far above any input's real time so that only a hang trips it, the final stats.
+# One target: a fresh copy of its corpus (libFuzzer adds what it finds there), its
+# dictionary when it has one, a per-input timeout far above any input's real time so that
+# only a hang trips it, the final stats.
 fuzz_one() {
-  local target=$1 dir=$runs/$1
+  local target=$1 dir=$runs/$1 dict=()
   mkdir -p "$dir/corpus" "$dir/artifacts"
   cp -r "fuzz/corpus/$target/." "$dir/corpus/"
+  [ -f "fuzz/dict/$target.dict" ] && dict=(-dict="fuzz/dict/$target.dict")
   UBSAN_OPTIONS=print_stacktrace=1 "build/fuzz/bin/$target" -max_total_time="$seconds" \
     -timeout=25 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/artifacts/" \
-    "$dir/corpus" >"$dir/log" 2>&1 || true
+    "${dict[@]}" "$dir/corpus" >"$dir/log" 2>&1 || true
 }
 
 echo "fuzz: ${#targets[@]} targets, ${seconds}s each, $jobs at a time, in $runs"
