@@ -47,6 +47,9 @@ InfFile InfFile::Parse(const std::string& text) {
     if (end == std::string::npos) end = text.size();
     std::string line = text.substr(pos, end - pos);
     pos = end + 1;
+    // A line ends at LF or CR LF: a quote left open would otherwise keep the CR, and the
+    // file would read otherwise once copied in text mode (as capture copies it).
+    if (end < text.size() && !line.empty() && line.back() == '\r') line.pop_back();
     // Cut the comment (outside quotes) and look for a continuation backslash before it.
     bool inQuotes = false;
     std::size_t cut = line.size();

@@ -207,6 +207,38 @@ TEST(MachineSetup, SubstitutionsAndKeysResolveAsSetupApiDoes) {
   s.SetupCloseInfFile(inf);
 }
 
+// A line ends at LF or CR LF alike, so a file reads the same once copied in text mode (as
+// capture copies it). A quote left open ran to the line's end and kept the CR; a CR that
+// no LF follows is text.
+TEST(MachineSetup, CrLfEndsALineAsLfDoes) {
+  struct Case {
+    const char* key;
+    const char* text;  // the line's text, fields joined with ','
+  };
+  const Case cases[] = {
+      {"open", "runs to the end"}, {"quoted", "a ; b,c"},
+      {"continued", "one,two"},    {"lone", "a\rb"},
+      {"last", "no line end"},
+  };
+  for (const char* end : {"\n", "\r\n"}) {
+    SCOPED_TRACE(end[0] == '\r' ? "CR LF" : "LF");
+    const std::string text = std::string("[Version]") + end + "Signature=\"$Windows NT$\"" + end +
+                             "[S]" + end + "open = \"runs to the end" + end +
+                             "quoted = \"a ; b\" , c" + end + "continued = one, \\" + end + "two" +
+                             end + "lone = \"a\rb\"" + end + "last = \"no line end";
+    auto m = RecordedMachine::FromFiles({{"files/C/x.inf", text}});
+    platform::Setup& s = m->setup();
+    HINF inf = s.SetupOpenInfFileA("C:\\x.inf", nullptr, INF_STYLE_WIN4, nullptr);
+    ASSERT_NE(inf, INVALID_HANDLE_VALUE);
+    for (const Case& c : cases) {
+      char line[256] = "<none>";
+      s.SetupGetLineTextA(nullptr, inf, "S", c.key, line, sizeof line, nullptr);
+      EXPECT_STREQ(line, c.text) << c.key;
+    }
+    s.SetupCloseInfFile(inf);
+  }
+}
+
 // Looking a name up costs the same however many strings or lines the file holds: a linear
 // scan of [Strings] per %reference% made a 280 KB sysoc.inf of 40,000 references and 40,000
 // strings take 34 s to open, and a scan per key lookup made the component reader quadratic
