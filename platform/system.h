@@ -91,6 +91,9 @@ class System {
 
   // Text files such as boot.ini: a stream over the file, or null when it cannot be opened.
   virtual std::unique_ptr<std::istream> OpenTextFile(const std::string& path) = 0;
+  // The same file's bytes as they are on disk (capture copies files this way: text mode would
+  // drop a 0x0D byte before 0x0A and stop at 0x1A, even inside a UTF-16 character).
+  virtual std::unique_ptr<std::istream> OpenBinaryFile(const std::string& path) = 0;
 };
 
 }  // namespace platform

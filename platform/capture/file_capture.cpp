@@ -150,14 +150,14 @@ class FileReader {
     return redirectionOff_ ? target : path;
   }
 
-  // Copies a file the machine opens as text, where a reader with redirection on finds it;
-  // false when it cannot be opened.
+  // Copies a file's bytes as they are, where a reader with redirection on finds it; false
+  // when it cannot be opened.
   bool copy(const std::string& readerPath) {
     const std::string windowsPath = landsAt(readerPath, true);
     const std::string key = relativePath(windowsPath);
     if (key.empty()) return false;
     if (result.files.count(key)) return true;
-    std::unique_ptr<std::istream> in = s_.OpenTextFile(toOpen(readerPath, windowsPath));
+    std::unique_ptr<std::istream> in = s_.OpenBinaryFile(toOpen(readerPath, windowsPath));
     if (!in) return false;
     std::string bytes;
     char chunk[4096];

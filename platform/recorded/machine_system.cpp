@@ -885,13 +885,22 @@ std::unique_ptr<std::istream> RecordedSystem::OpenTextFile(const std::string& pa
     state_.fail(ERROR_FILE_NOT_FOUND);
     return nullptr;
   }
-  // Text mode, as the C runtime reads on Windows: CR LF becomes LF.
+  // Text mode, as the C runtime reads on Windows: CR LF becomes LF, and Ctrl-Z ends the file.
   std::string text;
   text.reserve(bytes->size());
-  for (std::size_t i = 0; i < bytes->size(); ++i)
+  for (std::size_t i = 0; i < bytes->size() && (*bytes)[i] != '\x1a'; ++i)
     if (!((*bytes)[i] == '\r' && i + 1 < bytes->size() && (*bytes)[i + 1] == '\n'))
       text.push_back((*bytes)[i]);
   return std::make_unique<std::istringstream>(text);
+}
+
+std::unique_ptr<std::istream> RecordedSystem::OpenBinaryFile(const std::string& path) {
+  const std::string* bytes = state_.file(path);
+  if (!bytes) {
+    state_.fail(ERROR_FILE_NOT_FOUND);
+    return nullptr;
+  }
+  return std::make_unique<std::istringstream>(*bytes);
 }
 
 }  // namespace platform::recorded

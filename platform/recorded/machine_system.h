@@ -146,6 +146,7 @@ class KPLATFORM_API RecordedSystem : public System {
   BOOL Wow64RevertWow64FsRedirection(void* oldValue) override;
 
   std::unique_ptr<std::istream> OpenTextFile(const std::string& path) override;
+  std::unique_ptr<std::istream> OpenBinaryFile(const std::string& path) override;
 
   // The page-file entries of ZwQuerySystemInformation(18), laid out at `base` as Windows
   // x64 lays them out; answers the bytes they take. Writes only when `base` is not null.

@@ -312,6 +312,11 @@ class LiveSystem final : public System {
     if (!file->is_open()) return nullptr;
     return file;
   }
+  std::unique_ptr<std::istream> OpenBinaryFile(const std::string& path) override {
+    auto file = std::make_unique<std::ifstream>(path, std::ios::binary);
+    if (!file->is_open()) return nullptr;
+    return file;
+  }
 };
 
 }  // namespace

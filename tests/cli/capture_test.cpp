@@ -322,6 +322,13 @@ INSTANTIATE_TEST_SUITE_P(ExampleMachines, CaptureTest,
                          ::testing::Values("server2003r2-x64", "server2008r2", "vista-sp2",
                                            "win7-sp1-x64", "winpe-6.0", "winpe-6.1", "xp-sp3"));
 
+// A file as regedit and setup write UTF-16: little-endian with its byte-order mark.
+std::string Utf16Export(const std::u16string& text) {
+  std::string bytes = "\xFF\xFE";
+  for (char16_t c : text) bytes += {static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
+  return bytes;
+}
+
 const char kInfHeader[] = "[Version]\nSignature=\"$Windows NT$\"\n";
 
 // Captures of component setups that the capture once lost: each is collected from its
@@ -375,6 +382,19 @@ TEST_F(ComponentCaptureTest, ComponentsReplayAsTheirSource) {
         {"files/C/Windows/inf/empty.inf", std::string(kInfHeader) + "[Optional Components]\n"},
         {"files/C/Windows/inf/k.inf", std::string(kInfHeader) + "[Optional Components]\nK\n"}},
        {"Name=K|INFName=C:\\Windows\\inf\\k.inf|IdentifyingNumber=2.0|"}},
+      // U+0A0D is the bytes 0D 0A and U+1A00 holds 1A: a copy in text mode dropped the one
+      // and stopped at the other, and the rest of the file no longer read as UTF-16.
+      {"UTF-16 INF files holding CR LF and Ctrl-Z bytes inside characters",
+       {{"machine.json", R"j({"system": {"windowsDirectory": "C:\\Windows",
+             "environment": {"PATH": "C:\\Tools"}}, "setup": {"versions": {
+             "C:\\Tools\\w.dll": {"fileVersion": "1.6"}}}})j"},
+        {"files/C/Windows/inf/sysoc.inf",
+         Utf16Export(u"; \u0A0D\u1A00\r\n[Version]\r\nSignature=\"$Windows NT$\"\r\n"
+                     u"[Components]\r\nW=w.dll,E,w.inf\r\n")},
+        {"files/C/Windows/inf/w.inf",
+         Utf16Export(u"[Version]\r\nSignature=\"$Windows NT$\"\r\n; \u0A0D\u1A00\r\n"
+                     u"[Optional Components]\r\nW\r\n")}},
+       {"Name=W|INFName=C:\\Windows\\inf\\w.inf|IdentifyingNumber=1.6|"}},
   };
   for (const Case& c : cases) {
     fs::remove_all(scratch);
@@ -637,12 +657,6 @@ TEST(CaptureAccounts, RecordsAreReadOnlyWithinTheirBuffer) {
 }
 
 const char kUninstall[] = "SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall";
-
-std::string Utf16Export(const std::u16string& text) {
-  std::string bytes = "\xFF\xFE";
-  for (char16_t c : text) bytes += {static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
-  return bytes;
-}
 
 class RegistryCaptureTest : public CaptureTest {};
 

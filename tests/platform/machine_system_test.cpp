@@ -425,6 +425,19 @@ TEST(MachineSystem, TextFilesReadAsTextMode) {
   EXPECT_EQ(line, "[boot loader]");  // CR LF became LF
   EXPECT_EQ(m->system().OpenTextFile("D:\\boot.ini"), nullptr);
   EXPECT_EQ(m->system().GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
+  EXPECT_EQ(m->system().OpenBinaryFile("D:\\boot.ini"), nullptr);
+}
+
+// Text mode drops CR before LF (a lone CR stays) and ends the file at Ctrl-Z; binary mode
+// answers the bytes as they are.
+TEST(MachineSystem, TextAndBinaryModesOfOneFile) {
+  const std::string bytes("a\r\nb\rc\r\r\n\x1a" "after", 11);
+  auto m = RecordedMachine::FromFiles({{"files/C/f.txt", bytes}});
+  auto whole = [](std::unique_ptr<std::istream> in) {
+    return in ? std::string(std::istreambuf_iterator<char>(*in), {}) : "(none)";
+  };
+  EXPECT_EQ(whole(m->system().OpenTextFile("C:\\f.txt")), "a\nb\rc\r\n");
+  EXPECT_EQ(whole(m->system().OpenBinaryFile("C:\\f.txt")), bytes);
 }
 
 }  // namespace

@@ -161,6 +161,7 @@ class FakeSystem : public System {
   BOOL Wow64DisableWow64FsRedirection(void**) override { return FALSE; }
   BOOL Wow64RevertWow64FsRedirection(void*) override { return FALSE; }
   std::unique_ptr<std::istream> OpenTextFile(const std::string&) override { return nullptr; }
+  std::unique_ptr<std::istream> OpenBinaryFile(const std::string&) override { return nullptr; }
 
  private:
   HMODULE moduleFor(const char* name) {

@@ -211,6 +211,10 @@ class FaultySystem : public System {
     IA_FAIL("OpenTextFile", nullptr);
     return inner_.OpenTextFile(path);
   }
+  std::unique_ptr<std::istream> OpenBinaryFile(const std::string& path) override {
+    IA_FAIL("OpenBinaryFile", nullptr);
+    return inner_.OpenBinaryFile(path);
+  }
 
  private:
   template <typename T>
