@@ -431,7 +431,7 @@ TEST(MachineSystem, TextFilesReadAsTextMode) {
 // Text mode drops CR before LF (a lone CR stays) and ends the file at Ctrl-Z; binary mode
 // answers the bytes as they are.
 TEST(MachineSystem, TextAndBinaryModesOfOneFile) {
-  const std::string bytes("a\r\nb\rc\r\r\n\x1a" "after", 11);
+  const std::string bytes = std::string("a\r\nb\rc\r\r\n\x1a") + "after";
   auto m = RecordedMachine::FromFiles({{"files/C/f.txt", bytes}});
   auto whole = [](std::unique_ptr<std::istream> in) {
     return in ? std::string(std::istreambuf_iterator<char>(*in), {}) : "(none)";
