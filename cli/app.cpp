@@ -16,6 +16,7 @@
 #include "platform/process.h"
 #include "platform/recorded/machine_system.h"
 #include "platform/recorded/recorded_machine.h"
+#include "platform/recorded/recorded_registry.h"
 #include "tessilcore/host.h"
 
 namespace default_machine {
@@ -88,6 +89,15 @@ void reportAssertions(std::ostream& err) {
   }
 }
 
+// Keys and values of the machine's hive files found damaged while they were read: left
+// out of what was shown, and said so.
+void reportDamage(std::ostream& err) {
+  const auto* registry = dynamic_cast<const platform::recorded::RecordedRegistry*>(
+      &platform::Machine::Current().registry());
+  if (registry == nullptr) return;
+  for (const std::string& line : registry->tree().damage()) err << "iac: warning: " << line << "\n";
+}
+
 int collect(const CollectOptions& options, std::ostream& out, std::ostream& err) {
   Format format = Format::kTable;
   parseFormat(options.format, format);
@@ -130,6 +140,7 @@ int collect(const CollectOptions& options, std::ostream& out, std::ostream& err)
   }
   out << rendered;
   reportAssertions(err);
+  reportDamage(err);
   host.UnloadPlugins();
   return 0;
 }
@@ -187,10 +198,12 @@ int regQuery(const MachineOptions& machine, const std::string& key,
   const int status = RunRegQuery(platform::Machine::Current().registry(), key, recursive, text, err,
                                  platform::Machine::Current().system().GetACP(), viewFlag);
   out << text.str();
+  reportDamage(err);
   return status;
 }
 
-int capture(const MachineOptions& machine, const std::string& directory, std::ostream& out) {
+int capture(const MachineOptions& machine, const std::string& directory, std::ostream& out,
+            std::ostream& err) {
   installMachine(machine);
   try {
     platform::capture::CaptureMachine(platform::Machine::Current(), directory);
@@ -198,6 +211,7 @@ int capture(const MachineOptions& machine, const std::string& directory, std::os
     throw UsageError(std::string(e.what()) + "; give a new or empty folder");
   }
   out << "iac: captured the machine into " << directory << "\n";
+  reportDamage(err);
   return 0;
 }
 
@@ -284,7 +298,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   try {
     if (collectCommand->parsed()) return collect(collectOptions, out, err);
     if (classesCommand->parsed()) return listClasses(out);
-    if (captureCommand->parsed()) return capture(captureMachine, captureDirectory, out);
+    if (captureCommand->parsed()) return capture(captureMachine, captureDirectory, out, err);
     if (queryCommand->parsed()) {
       return regQuery(regMachine, regKey, regSwitches, regRecursive, regView, out, err);
     }

@@ -1,19 +1,17 @@
-// Hive files through libhivex. The whole hive is copied into the in-memory tree at load:
-// the largest real hive (43,000 keys) takes a fraction of a second, and afterwards every
-// registry call is a lookup in memory, with no hivex handle to keep or lock.
+// Hive files mounted lazily: the mount key is bound to the hive's root, and each key's
+// sub-keys and values are read from the mapped file the first time a call needs them, so
+// a run pays for the keys it reads, not for the hive. A key is read once per run.
 #include "platform/recorded/hive_registry.h"
 
-#include <hivex.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
 #include <memory>
-#include <type_traits>
-#include <unordered_set>
+#include <mutex>
+#include <new>
+#include <string>
+#include <vector>
 
-#include "platform/recorded/codepage.h"
+#include "platform/recorded/hive_file.h"
 #include "platform/recorded/record_error.h"
 
 namespace platform::recorded {
@@ -23,108 +21,145 @@ namespace {
 struct FreeDeleter {
   void operator()(void* p) const { std::free(p); }
 };
-template <typename T>
-using Malloced = std::unique_ptr<T, FreeDeleter>;
 
 // A hive is a file of cells that point at each other, so a damaged or crafted one can
 // make a key list the same child twice or its own ancestor, or point many values at one
-// large cell. Each key is therefore copied once (a second way to it is refused) and the
-// copy is held to the hive's size by a LoadBudget.
-class HiveReader {
+// large cell. Each key cell is therefore read once (a second way to it is left out) and
+// what is read is held to the file's size by a LoadBudget. What cannot be read is left
+// out and reported on the tree, naming the file and the key.
+class HiveSource : public KeySource {
  public:
-  HiveReader(const std::string& path, hive_h* hive, std::uint64_t fileSize, std::u16string mount)
-      : file_(path), hive_(hive), budget_(fileSize), mount_(std::move(mount)) {}
-
-  void copy(hive_node_h node, RegKey& into, size_t depth) {
-    if (depth > kMaxKeyDepth) failAt("keys nested deeper than 512 levels");
-    if (!visited_.insert(node).second) {
-      failAt("reached a second time through the sub-key lists, but a key has one parent");
-    }
-    into.setLastWriteTime(static_cast<std::uint64_t>(hivex_node_timestamp(hive_, node)));
-
-    errno = 0;
-    Malloced<hive_value_h> values(hivex_node_values(hive_, node));
-    if (!values) fail("unreadable values");
-    for (hive_value_h* v = values.get(); *v; ++v) {
-      RegValue value;
-      Malloced<char> name(hivex_value_key(hive_, *v));
-      if (!name) fail("unreadable value name");
-      value.name = Utf8ToWide(name.get());
-      if (value.name.size() > kMaxValueNameLength) {
-        failAt("value name longer than 16,383 characters: " + QuoteForMessage(value.name));
-      }
-      // Read the type as a plain integer: real hives hold types outside the enum (such as
-      // 0xFFFF0011), which are not valid hive_type values in C++.
-      std::underlying_type_t<hive_type> type = 0;
-      size_t length = 0;
-      if (hivex_value_type(hive_, *v, reinterpret_cast<hive_type*>(&type), &length) != 0) {
-        fail("unreadable value type");
-      }
-      if (length > kMaxValueSize) {
-        failAt("value " + QuoteForMessage(value.name) + " larger than 16 MiB (" +
-               std::to_string(length) + " bytes)");
-      }
-      Malloced<char> data(
-          hivex_value_value(hive_, *v, reinterpret_cast<hive_type*>(&type), &length));
-      if (!data && length != 0) fail("unreadable value data");
-      value.type = static_cast<DWORD>(type);
-      const auto* bytes = reinterpret_cast<const BYTE*>(data.get());
-      if (bytes) value.data.assign(bytes, bytes + length);
-      if (!budget_.chargeValue(value)) overBudget();
-      into.setValue(std::move(value));
-    }
-
-    Malloced<hive_node_h> children(hivex_node_children(hive_, node));
-    if (!children) fail("unreadable sub-keys");
-    for (hive_node_h* c = children.get(); *c; ++c) {
-      Malloced<char> name(hivex_node_name(hive_, *c));
-      if (!name) fail("unreadable key name");
-      std::u16string wide = Utf8ToWide(name.get());
-      // The kernel never makes such a key; regedit and the registry calls refuse the
-      // name. A hive holding one is damaged, and reading on would show a key no
-      // Windows could (reg query would reopen the parent for an empty name).
-      if (const char* fault = KeyNameFault(wide)) {
-        failAt(std::string("sub-key with ") + fault + ": " + QuoteForMessage(wide));
-      }
-      if (!budget_.chargeKey(wide)) overBudget();
-      RegKey& child = into.ensureSubKey(wide);
-      keys_.push_back(std::move(wide));
-      copy(*c, child, depth + 1);
-      keys_.pop_back();
-    }
+  HiveSource(std::unique_ptr<HiveFile> file, std::string path, RegistryTree& tree)
+      : file_(std::move(file)),
+        path_(std::move(path)),
+        tree_(tree),
+        budget_(file_->size()),
+        visited_(static_cast<std::uint64_t*>(std::calloc(file_->size() / 256 + 1, 8))) {
+    if (!visited_) throw std::bad_alloc();
   }
 
-  [[noreturn]] void fail(const std::string& what) const {
-    const int error = errno;
-    throw RecordError(file_ + ": not a readable registry hive (" + what +
-                      (error ? std::string(": ") + std::strerror(error) : std::string()) + ")");
+  const HiveFile& file() const { return *file_; }
+
+  // Marks a key cell (one read as a key, so inside the file) as reached; false when it
+  // was reached before.
+  bool visit(std::uint32_t cell) {
+    const std::uint64_t bit = cell / 4;
+    if (bit / 64 > file_->size() / 256) return false;
+    std::uint64_t& word = visited_.get()[bit / 64];
+    const std::uint64_t mask = std::uint64_t{1} << (bit % 64);
+    if (word & mask) return false;
+    word |= mask;
+    return true;
   }
 
-  // A fault of the key being read, named by its path (the last few names of it).
-  [[noreturn]] void failAt(const std::string& what) const {
-    std::string key = WideToUtf8(mount_);
-    const size_t shown = 8;
-    if (keys_.size() > shown) key += "\\...";
-    for (size_t i = keys_.size() > shown ? keys_.size() - shown : 0; i < keys_.size(); ++i) {
-      const std::string quoted = QuoteForMessage(keys_[i]);
-      key += "\\" + quoted.substr(1, quoted.size() - 2);
+  void load(RegKey& key, Part part) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (key.isLoaded(part)) return;
+    HiveFile::Key record;
+    const std::string fault = file_->readKey(key.sourceCell(), record);
+    if (!fault.empty()) {
+      damaged(key, fault);
+    } else if (part == kSubKeys) {
+      loadSubKeys(key, record);
+    } else {
+      loadValues(key, record);
     }
-    throw RecordError(file_ + ": not a registry hive Windows can hold (key " + key + ": " + what +
-                      ")");
-  }
-
-  [[noreturn]] void overBudget() const {
-    failAt("the keys and values so far take more than " + std::to_string(budget_.limit() >> 20) +
-           " MiB in memory (16 MiB and 8 bytes per byte of the file)");
+    key.markLoaded(part);
   }
 
  private:
-  const std::string& file_;
-  hive_h* hive_;
+  void loadSubKeys(RegKey& key, const HiveFile::Key& record) {
+    size_t depth = 0;
+    for (const RegKey* k = &key; k->parent(); k = k->parent()) ++depth;
+    if (record.subKeyCount > 0 && depth >= kMaxKeyDepth) {
+      return damaged(key, "keys nested deeper than 512 levels");
+    }
+    std::vector<std::uint32_t> cells;
+    const std::string listFault = file_->subKeyCells(record, cells);
+    if (!listFault.empty()) damaged(key, listFault);
+    for (std::uint32_t cell : cells) {
+      HiveFile::Key child;
+      const std::string fault = file_->readKey(cell, child);
+      if (!fault.empty()) {
+        damaged(key, "sub-key: " + fault);
+        continue;
+      }
+      if (!visit(cell)) {
+        damaged(key,
+                "a sub-key reached a second time through the sub-key lists, but a key "
+                "has one parent");
+        continue;
+      }
+      // The kernel never makes such a key; regedit and the registry calls refuse the
+      // name, and reg query would reopen the parent for an empty one.
+      if (const char* nameFault = KeyNameFault(child.name)) {
+        damaged(key, std::string("sub-key with ") + nameFault + ": " + QuoteForMessage(child.name));
+        continue;
+      }
+      if (!budget_.chargeKey(child.name)) return overBudget(key);
+      bool added = false;
+      RegKey& sub = key.addLoadedSubKey(child.name, &added);
+      if (!added && sub.isBound()) {
+        damaged(key, "two sub-keys named " + QuoteForMessage(child.name));
+        continue;
+      }
+      sub.setLastWriteTime(child.lastWriteTime);
+      sub.bindSource(this, cell);
+    }
+  }
+
+  void loadValues(RegKey& key, const HiveFile::Key& record) {
+    std::vector<std::uint32_t> cells;
+    const std::string listFault = file_->valueCells(record, cells);
+    if (!listFault.empty()) damaged(key, listFault);
+    for (std::uint32_t cell : cells) {
+      RegValue value;
+      const std::string fault = file_->readValue(cell, value);
+      if (!fault.empty()) {
+        damaged(key, "value " + QuoteForMessage(value.name) + " " + fault);
+        continue;
+      }
+      if (value.name.size() > kMaxValueNameLength) {
+        damaged(key, "value name longer than 16,383 characters: " + QuoteForMessage(value.name));
+        continue;
+      }
+      if (!budget_.chargeValue(value)) return overBudget(key);
+      key.addLoadedValue(std::move(value));
+    }
+  }
+
+  void overBudget(const RegKey& key) {
+    damaged(key, "the keys and values read take more than " +
+                     std::to_string(budget_.limit() >> 20) +
+                     " MiB in memory (16 MiB and 8 bytes per byte of the file); the rest is "
+                     "left out");
+  }
+
+  // "hives/SOFTWARE: damaged hive, key HKEY_LOCAL_MACHINE\SOFTWARE\X: what (left out)";
+  // the key by its last few names.
+  void damaged(const RegKey& key, const std::string& what) {
+    std::vector<const RegKey*> chain;
+    for (const RegKey* k = &key; k; k = k->parent()) chain.push_back(k);
+    const size_t shown = 8;
+    std::string name = ShownName(*chain.back());
+    if (chain.size() > shown + 1) name += "\\...";
+    for (size_t i = std::min(chain.size() - 1, shown); i-- > 0;) {
+      name += "\\" + ShownName(*chain[i]);
+    }
+    tree_.reportDamage(path_ + ": damaged hive, key " + name + ": " + what + " (left out)");
+  }
+
+  static std::string ShownName(const RegKey& key) {
+    const std::string quoted = QuoteForMessage(key.name());
+    return quoted.substr(1, quoted.size() - 2);
+  }
+
+  std::unique_ptr<HiveFile> file_;
+  std::string path_;
+  RegistryTree& tree_;
   LoadBudget budget_;
-  std::u16string mount_;
-  std::unordered_set<hive_node_h> visited_;
-  std::vector<std::u16string> keys_;  // from the mount point to the key being read
+  std::unique_ptr<std::uint64_t, FreeDeleter> visited_;  // a bit per 4-byte cell offset
+  std::mutex mutex_;
 };
 
 }  // namespace
@@ -134,31 +169,17 @@ bool HiveFilesSupported() {
 }
 
 void LoadHiveFile(RegistryTree& tree, const std::string& path, Mount where) {
-  errno = 0;
-  hive_h* hive = hivex_open(path.c_str(), 0);
-  if (!hive) {
-    const int error = errno;
-    throw RecordError(path + ": not a readable registry hive (" +
-                      (error ? std::strerror(error) : "unknown error") + ")");
-  }
-  std::unique_ptr<hive_h, int (*)(hive_h*)> closer(hive, hivex_close);
-
+  auto source = std::make_unique<HiveSource>(HiveFile::Open(path), path, tree);
   const std::vector<std::u16string> parts = SplitPath(MountPath(where));
   RegKey* key = tree.root(parts[0]);
   for (size_t i = 1; i < parts.size(); ++i) key = &key->ensureSubKey(parts[i]);
-
-  std::error_code ec;
-  const std::uintmax_t size = std::filesystem::file_size(path, ec);
-  HiveReader reader(path, hive, ec ? 0 : static_cast<std::uint64_t>(size), MountPath(where));
-  const hive_node_h root = hivex_root(hive);
-  if (!root) reader.fail("no root key");
-  try {
-    reader.copy(root, *key, parts.size());
-  } catch (...) {
-    tree.compact();
-    throw;
-  }
-  tree.compact();
+  if (key->isBound()) throw RecordError(path + ": a second hive for the same key");
+  HiveFile::Key root;
+  source->file().readKey(source->file().rootCell(), root);  // checked when the file opened
+  source->visit(source->file().rootCell());
+  key->setLastWriteTime(root.lastWriteTime);
+  key->bindSource(source.get(), source->file().rootCell());
+  tree.addSource(std::move(source));
 }
 
 }  // namespace platform::recorded

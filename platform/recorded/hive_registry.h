@@ -1,4 +1,5 @@
-// Registry hive files (the binary files Windows keeps its registry in), read with libhivex.
+// Registry hive files (the binary files Windows keeps its registry in), mounted into a
+// recorded registry and read as keys are asked for.
 #pragma once
 
 #include <string>
@@ -15,11 +16,13 @@ enum class Mount { Software, System, NtUser, Bcd };
 // The key path a mount fills, e.g. u"HKEY_LOCAL_MACHINE\\SOFTWARE".
 KPLATFORM_API std::u16string MountPath(Mount where);
 
-// False where the library is built without libhivex (the Windows build).
+// True: every build reads hive files (kept for callers that predate that).
 KPLATFORM_API bool HiveFilesSupported();
 
-// Reads the whole hive into `tree` under `where`, merged with what is already there.
-// Throws platform::RecordError naming the file when it cannot be read as a hive.
+// Mounts the hive under `where`, merged with what is already there; keys are read from the
+// file when first asked for, and what is found damaged then is left out and reported with
+// RegistryTree::reportDamage. Throws platform::RecordError naming the file when it is no
+// hive at all (header, checksum, sizes, root key) or a second hive for the same place.
 KPLATFORM_API void LoadHiveFile(RegistryTree& tree, const std::string& path, Mount where);
 
 }  // namespace platform::recorded

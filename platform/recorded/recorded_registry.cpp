@@ -95,17 +95,6 @@ std::u16string MountPath(Mount where) {
   return u"HKEY_LOCAL_MACHINE";
 }
 
-#ifndef IA_HAVE_HIVEX
-bool HiveFilesSupported() {
-  return false;
-}
-void LoadHiveFile(RegistryTree&, const std::string& path, Mount) {
-  throw RecordError(path +
-                    ": this build cannot read hive files; record the registry as .reg "
-                    "exports instead");
-}
-#endif
-
 RecordedRegistry::RecordedRegistry() : codePage_(kDefaultAnsiCodePage) {}
 RecordedRegistry::~RecordedRegistry() = default;
 

@@ -173,10 +173,6 @@ class Parser {
       if (const char* fault = KeyNameFault(part)) {
         fail(at, std::string("key with ") + fault + ": " + QuoteForMessage(part));
       }
-      // regedit imports through calls that end a name at its first NUL.
-      if (part.find(u'\0') != std::u16string::npos) {
-        fail(at, "key with a NUL character in its name: " + QuoteForMessage(part));
-      }
     }
 
     RegKey* key = tree_.root(full[0]);

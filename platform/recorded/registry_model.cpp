@@ -171,32 +171,52 @@ void RegKey::NamedList<T>::compact(bool sortByName) {
   if (moved) buildIndex();
 }
 
+KeySource::~KeySource() = default;
+
 RegKey::RegKey(std::u16string name) : name_(std::move(name)) {}
 RegKey::~RegKey() = default;
 
 const RegKey* RegKey::findSubKey(const std::u16string& name) const {
+  need(KeySource::kSubKeys);
   return subKeys_.find(name);
 }
 RegKey* RegKey::findSubKey(const std::u16string& name) {
+  need(KeySource::kSubKeys);
   return subKeys_.find(name);
 }
 
 RegKey& RegKey::ensureSubKey(const std::u16string& name, bool* added) {
-  if (RegKey* existing = subKeys_.find(name)) return *existing;
+  need(KeySource::kSubKeys);
+  return addLoadedSubKey(name, added);
+}
+
+RegKey& RegKey::addLoadedSubKey(const std::u16string& name, bool* added) {
+  if (RegKey* existing = subKeys_.find(name)) {
+    if (added) *added = false;
+    return *existing;
+  }
   subKeys_.add(std::make_unique<RegKey>(name));
+  subKeys_.items.back()->parent_ = this;
   if (added) *added = true;
   return *subKeys_.items.back();
 }
 
 void RegKey::removeSubKey(const std::u16string& name) {
+  need(KeySource::kSubKeys);
   subKeys_.remove(name);
 }
 
 const RegValue* RegKey::findValue(const std::u16string& name) const {
+  need(KeySource::kValues);
   return values_.find(name);
 }
 
 void RegKey::setValue(RegValue value) {
+  need(KeySource::kValues);
+  addLoadedValue(std::move(value));
+}
+
+void RegKey::addLoadedValue(RegValue value) {
   if (RegValue* existing = values_.find(value.name)) {
     existing->type = value.type;
     existing->data = std::move(value.data);
@@ -206,13 +226,33 @@ void RegKey::setValue(RegValue value) {
 }
 
 void RegKey::removeValue(const std::u16string& name) {
+  need(KeySource::kValues);
   values_.remove(name);
 }
 
+// Keys not loaded yet are left alone: loading puts them in order when it happens.
 void RegKey::compact() {
-  subKeys_.compact(true);
-  values_.compact(false);  // Windows keeps values in the order they were written
-  for (auto& key : subKeys_.items) key->compact();
+  if (isLoaded(KeySource::kSubKeys)) {
+    subKeys_.compact(true);
+    for (auto& key : subKeys_.items) key->compact();
+  }
+  // Windows keeps values in the order they were written.
+  if (isLoaded(KeySource::kValues)) values_.compact(false);
+}
+
+void RegKey::bindSource(KeySource* source, std::uint32_t cell) {
+  source_ = source;
+  cell_ = cell;
+  pending_.store(KeySource::kSubKeys | KeySource::kValues, std::memory_order_release);
+}
+
+void RegKey::markLoaded(KeySource::Part part) {
+  if (part == KeySource::kSubKeys) subKeys_.compact(true);
+  pending_.fetch_and(~static_cast<unsigned>(part), std::memory_order_acq_rel);
+}
+
+bool RegKey::isLoaded(KeySource::Part part) const {
+  return (pending_.load(std::memory_order_acquire) & part) == 0;
 }
 
 RegistryTree::RegistryTree()
@@ -243,6 +283,28 @@ const RegKey* RegistryTree::find(const std::u16string& path) const {
   return key;
 }
 
+void RegistryTree::addSource(std::unique_ptr<KeySource> source) {
+  sources_.push_back(std::move(source));
+}
+
+void RegistryTree::reportDamage(std::string what) {
+  std::lock_guard<std::mutex> lock(damageMutex_);
+  if (damage_.size() < 100) {
+    damage_.push_back(std::move(what));
+  } else {
+    ++damageLeftOut_;
+  }
+}
+
+std::vector<std::string> RegistryTree::damage() const {
+  std::lock_guard<std::mutex> lock(damageMutex_);
+  std::vector<std::string> all = damage_;
+  if (damageLeftOut_ > 0) {
+    all.push_back("... and " + std::to_string(damageLeftOut_) + " more damaged keys or values");
+  }
+  return all;
+}
+
 void RegistryTree::compact() {
   localMachine_.compact();
   currentUser_.compact();
@@ -253,6 +315,8 @@ const char* KeyNameFault(const std::u16string& name) {
   if (name.empty()) return "an empty name";
   if (name.size() > kMaxKeyNameLength) return "a name longer than 255 characters";
   if (name.find(u'\\') != std::u16string::npos) return "a '\\' in its name";
+  // The registry calls end a name at its first NUL, so no caller could open the key.
+  if (name.find(u'\0') != std::u16string::npos) return "a NUL character in its name";
   return nullptr;
 }
 

@@ -3,9 +3,11 @@
 // were written, value data as the raw bytes Windows stores (strings in UTF-16LE).
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -24,8 +26,8 @@ constexpr size_t kMaxValueNameLength = 16383;
 constexpr size_t kMaxValueSize = 16 * 1024 * 1024;
 constexpr size_t kMaxLevelsCreatedAtOnce = 32;
 
-// Why no Windows key can have this name (empty, longer than 255 characters, or holding the
-// path separator), as "a name longer than 255 characters"; null when one can.
+// Why no Windows key can have this name (empty, longer than 255 characters, holding the
+// path separator or a NUL character), as "a name longer than 255 characters"; null when one can.
 KPLATFORM_API const char* KeyNameFault(const std::u16string& name);
 
 // Windows compares registry names after upcasing each UTF-16 unit. This covers the
@@ -39,6 +41,22 @@ struct RegValue {
   std::u16string name;  // empty: the key's default value
   DWORD type = REG_NONE;
   std::vector<BYTE> data;
+};
+
+class RegKey;
+
+// Where the sub-keys and values of a key come from when they were not loaded with it: a
+// hive file read on demand. The first call that needs a key's sub-keys (or values) has the
+// source add them; a key is filled once, and may already hold keys and values of its own
+// (a .reg export loaded before the hive), which the source merges with.
+class KPLATFORM_API KeySource {
+ public:
+  enum Part : unsigned { kSubKeys = 1, kValues = 2 };
+  virtual ~KeySource();
+  // Adds `part` of `key` (with addLoaded* below) and then calls key.markLoaded(part); a
+  // call for a part already loaded does nothing. Never throws: what cannot be read is
+  // left out.
+  virtual void load(RegKey& key, Part part) = 0;
 };
 
 class KPLATFORM_API RegKey {
@@ -55,25 +73,58 @@ class KPLATFORM_API RegKey {
 
   // Index access is valid once compact() has run after the last addition or removal;
   // until then sub-keys come in the order they were added.
-  size_t subKeyCount() const { return subKeys_.items.size(); }
-  const RegKey& subKey(size_t index) const { return *subKeys_.items[index]; }
+  size_t subKeyCount() const {
+    need(KeySource::kSubKeys);
+    return subKeys_.items.size();
+  }
+  const RegKey& subKey(size_t index) const {
+    need(KeySource::kSubKeys);
+    return *subKeys_.items[index];
+  }
   const RegKey* findSubKey(const std::u16string& name) const;
   RegKey* findSubKey(const std::u16string& name);
   // The sub-key of that name, added when missing (then `*added` is set).
   RegKey& ensureSubKey(const std::u16string& name, bool* added = nullptr);
   void removeSubKey(const std::u16string& name);
 
-  size_t valueCount() const { return values_.items.size(); }
-  const RegValue& value(size_t index) const { return *values_.items[index]; }
+  size_t valueCount() const {
+    need(KeySource::kValues);
+    return values_.items.size();
+  }
+  const RegValue& value(size_t index) const {
+    need(KeySource::kValues);
+    return *values_.items[index];
+  }
   const RegValue* findValue(const std::u16string& name) const;
   void setValue(RegValue value);  // replaces a value of the same name in place
   void removeValue(const std::u16string& name);
 
   // Drops the holes that removals leave and puts sub-keys added since the last call in
-  // Windows' order, in this key and every key below. Call it once loading is done.
+  // Windows' order, in this key and every key below that is loaded. Call it once loading
+  // is done.
   void compact();
 
+  // The key that holds this one; null for a root.
+  const RegKey* parent() const { return parent_; }
+
+  // Binds the key to `source`: its sub-keys and values are loaded from there on demand.
+  // `cell` names the key within the source.
+  void bindSource(KeySource* source, std::uint32_t cell);
+  std::uint32_t sourceCell() const { return cell_; }
+  bool isBound() const { return source_ != nullptr; }
+  // For a KeySource while it fills this key: adds without asking the source again. A
+  // sub-key of a name already held is answered instead of a new one (`*added` false).
+  RegKey& addLoadedSubKey(const std::u16string& name, bool* added);
+  void addLoadedValue(RegValue value);  // replaces a value of the same name in place
+  void markLoaded(KeySource::Part part);
+  bool isLoaded(KeySource::Part part) const;
+
  private:
+  void need(KeySource::Part part) const {
+    if (pending_.load(std::memory_order_acquire) & part) {
+      source_->load(const_cast<RegKey&>(*this), part);
+    }
+  }
   // Items in order, with a name index built once a list grows past a few entries, so
   // lookups stay cheap in keys with thousands of children. The index is an open-addressing
   // table of item positions (4 bytes a slot, hashed on the upper-cased name), as a key
@@ -100,6 +151,10 @@ class KPLATFORM_API RegKey {
 
   std::u16string name_;
   std::uint64_t lastWriteTime_ = 0;
+  const RegKey* parent_ = nullptr;
+  KeySource* source_ = nullptr;
+  std::uint32_t cell_ = 0;
+  std::atomic<unsigned> pending_{0};  // KeySource::Part bits not loaded yet
   NamedList<RegKey> subKeys_;
   NamedList<RegValue> values_;
 };
@@ -122,7 +177,18 @@ class KPLATFORM_API RegistryTree {
 
   void compact();
 
+  // Sources that keys of this tree are bound to; they live as long as the tree.
+  void addSource(std::unique_ptr<KeySource> source);
+  // What sources found damaged while loading keys (each "file: ..."), in the order found;
+  // the first 100 are kept, then only counted.
+  void reportDamage(std::string what);
+  std::vector<std::string> damage() const;
+
  private:
+  std::vector<std::unique_ptr<KeySource>> sources_;
+  mutable std::mutex damageMutex_;
+  std::vector<std::string> damage_;
+  std::size_t damageLeftOut_ = 0;
   RegKey localMachine_;
   RegKey currentUser_;
   RegKey users_;

@@ -1,14 +1,11 @@
-// Real hive files: every one opens, a damaged one is refused, control sets resolve; hives
-// damaged to hold what no Windows key can are refused by name.
+// Real hive files through the registry calls: keys where the machine has them, control
+// sets, Windows' sub-key order, merging with exports.
 #include <gtest/gtest.h>
-
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <stdexcept>
 #include <string>
@@ -26,13 +23,6 @@ namespace {
 
 std::string HiveDir() {
   return std::string(IA_REALDATA_DIR) + "/hives";
-}
-
-Mount MountFor(const std::string& file) {
-  if (file.find("NTUSER") != std::string::npos) return Mount::NtUser;
-  if (file.find("BCD") != std::string::npos) return Mount::Bcd;
-  if (file.find("SYSTEM") != std::string::npos) return Mount::System;
-  return Mount::Software;
 }
 
 size_t CountKeys(const recorded::RegKey& key) {
@@ -60,28 +50,6 @@ class RegistryHive : public ::testing::Test {
     if (!std::filesystem::is_directory(HiveDir())) GTEST_SKIP() << "no real data";
   }
 };
-
-TEST_F(RegistryHive, EveryHiveOpensButTheCorruptOne) {
-  size_t opened = 0;
-  for (const auto& entry : std::filesystem::directory_iterator(HiveDir())) {
-    const std::string file = entry.path().filename().string();
-    SCOPED_TRACE(file);
-    RecordedRegistry reg;
-    if (file == "corrupt-SYSTEM") {
-      try {
-        reg.loadHive(entry.path().string(), Mount::System);
-        ADD_FAILURE() << "a damaged hive was accepted";
-      } catch (const RecordError& e) {
-        EXPECT_NE(std::string(e.what()).find(entry.path().string()), std::string::npos) << e.what();
-        EXPECT_NE(std::string(e.what()).find("not a readable registry hive"), std::string::npos);
-      }
-      continue;
-    }
-    EXPECT_NO_THROW(reg.loadHive(entry.path().string(), MountFor(file)));
-    ++opened;
-  }
-  EXPECT_EQ(opened, 7u);
-}
 
 TEST_F(RegistryHive, KeysWhereTheMachineHasThem) {
   const struct {
@@ -162,7 +130,7 @@ TEST_F(RegistryHive, SubKeysKeepTheHivesOrder) {
   }
 }
 
-TEST_F(RegistryHive, LargestHiveLoadsWhole) {
+TEST_F(RegistryHive, LargestHiveReadsWhole) {
   RecordedRegistry reg;
   const auto start = std::chrono::steady_clock::now();
   reg.loadHive(HiveDir() + "/win10-1709-SYSTEM", Mount::System);
@@ -172,98 +140,4 @@ TEST_F(RegistryHive, LargestHiveLoadsWhole) {
   const recorded::RegKey* system = reg.tree().find(u"HKEY_LOCAL_MACHINE\\SYSTEM");
   ASSERT_NE(system, nullptr);
   EXPECT_EQ(CountKeys(*system), 43211u);
-}
-
-namespace {
-
-// tests/fixtures/hostile/parent-keys.hive is parent-keys.reg merged into the empty hive of
-// the real data (hivexregedit --merge): HKLM\SOFTWARE\Parent with the 8-byte value Big
-// and the sub-keys Later, Nx and a 255-character name. Each case damages one field of it,
-// as the hostile records did.
-constexpr size_t kFirstBin = 0x1000;  // cell offsets count from here
-constexpr size_t kKeyName = 0x4C;     // from a key record's "nk"
-constexpr size_t kKeyNameLength = 0x48;
-constexpr size_t kKeySubKeyList = 0x1C;
-constexpr size_t kValueName = 0x14;  // from a value record's "vk"
-constexpr size_t kValueDataLength = 0x04;
-
-std::uint32_t Get32(const std::string& bytes, size_t at) {
-  std::uint32_t v = 0;
-  for (size_t i = 4; i-- > 0;) v = (v << 8) | static_cast<unsigned char>(bytes.at(at + i));
-  return v;
-}
-
-void Put(std::string& bytes, size_t at, std::uint32_t v, size_t width) {
-  for (size_t i = 0; i < width; ++i) bytes.at(at + i) = static_cast<char>(v >> (8 * i));
-}
-
-size_t NameAt(const std::string& hive, const std::string& name) {
-  const size_t at = hive.find(name);
-  if (at == std::string::npos) throw std::runtime_error("fixture lacks " + name);
-  return at;
-}
-
-}  // namespace
-
-TEST(HostileHive, DamagedKeysAreRefusedNamingFileAndKey) {
-  if (!HiveFilesSupported()) GTEST_SKIP() << "built without libhivex";
-  std::ifstream in(IA_SOURCE_DIR "/tests/fixtures/hostile/parent-keys.hive", std::ios::binary);
-  const std::string base((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  ASSERT_EQ(base.size(), 12288u);
-  const std::string longName(255, 'L');
-  const size_t nx = NameAt(base, "Nx");
-  const size_t parentKey = NameAt(base, "Parent") - kKeyName;
-  const size_t subKeys = kFirstBin + Get32(base, parentKey + kKeySubKeyList) + 4;  // "lh"
-  const struct {
-    const char* what;
-    std::function<void(std::string&)> damage;
-    const char* refusal;  // null: loads
-  } cases[] = {
-      {"as made: a 255-character name is the longest Windows allows", [](std::string&) {}, nullptr},
-      {"name length 0", [&](std::string& h) { Put(h, nx - kKeyName + kKeyNameLength, 0, 2); },
-       "(key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent: sub-key with an empty name: '')"},
-      {"name starting with NUL (a C string reads it as empty)",
-       [&](std::string& h) { h[nx] = '\0'; }, "sub-key with an empty name"},
-      {"'\\' in a name", [&](std::string& h) { h[nx + 1] = '\\'; },
-       "sub-key with a '\\' in its name: 'N\\'"},
-      // The cell's last byte (padding) becomes the 256th character.
-      {"256-character name",
-       [&](std::string& h) {
-         const size_t name = NameAt(h, longName);
-         Put(h, name - kKeyName + kKeyNameLength, 256, 2);
-         h[name + 255] = 'L';
-       },
-       "sub-key with a name longer than 255 characters: 'LLLL"},
-      {"sub-key list naming its first key twice",
-       [&](std::string& h) { Put(h, subKeys + 12, Get32(h, subKeys + 4), 4); },
-       "(key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent\\Later: reached a second time"},
-      {"value of 17 MiB",
-       [&](std::string& h) {
-         Put(h, NameAt(h, "Big") - kValueName + kValueDataLength, 17 << 20, 4);
-       },
-       "(key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent: value 'Big' larger than 16 MiB (17825792 "
-       "bytes))"},
-  };
-  const std::string path = ::testing::TempDir() + "hostile-" + std::to_string(::getpid()) + ".hive";
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    std::string hive = base;
-    c.damage(hive);
-    std::ofstream(path, std::ios::binary) << hive;
-    RecordedRegistry reg;
-    try {
-      reg.loadHive(path, Mount::Software);
-      EXPECT_EQ(c.refusal, nullptr) << "loaded";
-      const recorded::RegKey* parent = reg.tree().find(u"HKLM\\SOFTWARE\\Parent");
-      ASSERT_NE(parent, nullptr);
-      EXPECT_EQ(parent->subKeyCount(), 3u);
-    } catch (const RecordError& e) {
-      ASSERT_NE(c.refusal, nullptr) << e.what();
-      const std::string message = e.what();
-      EXPECT_EQ(message.rfind(path + ": not a registry hive Windows can hold (key ", 0), 0u)
-          << message;
-      EXPECT_NE(message.find(c.refusal), std::string::npos) << message;
-    }
-  }
-  std::filesystem::remove(path);
 }

@@ -1,0 +1,328 @@
+// Hive files read in place. Layout (all little-endian): a 4 KiB base block ("regf"), then
+// bins ("hbin", multiples of 4 KiB) holding cells; a cell is a signed 32-bit size
+// (negative while allocated) and its payload. Cell offsets count from the first bin.
+#include "platform/recorded/hive_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#if !defined(_WIN32)
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#endif
+
+#include "platform/recorded/record_error.h"
+
+namespace platform::recorded {
+
+namespace {
+
+constexpr std::size_t kFirstBin = 0x1000;
+constexpr std::size_t kPage = 0x1000;
+constexpr std::size_t kBinHeader = 0x20;
+// How far back from a cell its bin's header is looked for: bins grow past 4 KiB only to
+// hold one large cell, and no cell is larger than a 16 MiB value.
+constexpr std::size_t kMaxBinReach = 32u << 20;
+// Windows stores data above this size in segments of this size ("big data").
+constexpr std::size_t kBigDataSegment = 16344;
+
+// Key records ("nk"), from the start of the payload.
+constexpr std::size_t kKeyFlags = 0x02, kKeyTime = 0x04, kKeySubKeyCount = 0x14,
+                      kKeySubKeyList = 0x1C, kKeyValueCount = 0x24, kKeyValueList = 0x28,
+                      kKeyNameLength = 0x48, kKeyName = 0x4C;
+constexpr unsigned kKeyCompressedName = 0x20;
+// Value records ("vk").
+constexpr std::size_t kValueNameLength = 0x02, kValueDataLength = 0x04, kValueData = 0x08,
+                      kValueType = 0x0C, kValueFlags = 0x10, kValueName = 0x14;
+constexpr unsigned kValueCompressedName = 0x01;
+constexpr std::uint32_t kInlineData = 0x80000000u;
+
+std::uint16_t Get16(const unsigned char* p) {
+  return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
+}
+std::uint32_t Get32(const unsigned char* p) {
+  return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
+         (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
+}
+std::uint64_t Get64(const unsigned char* p) {
+  return Get32(p) | (static_cast<std::uint64_t>(Get32(p + 4)) << 32);
+}
+
+std::string Hex(std::size_t value) {
+  static const char digits[] = "0123456789abcdef";
+  std::string text;
+  do {
+    text.insert(text.begin(), digits[value & 15]);
+    value >>= 4;
+  } while (value != 0);
+  return "0x" + text;
+}
+
+// Names are Latin-1 bytes when the record says "compressed" (the low bytes of UTF-16
+// units), else UTF-16LE; an odd last byte of the latter belongs to no character.
+std::u16string Name(const unsigned char* p, std::size_t bytes, bool compressed) {
+  std::u16string name;
+  if (compressed) {
+    name.assign(p, p + bytes);
+  } else {
+    name.resize(bytes / 2);
+    for (std::size_t i = 0; i < name.size(); ++i) name[i] = Get16(p + 2 * i);
+  }
+  return name;
+}
+
+}  // namespace
+
+std::unique_ptr<HiveFile> HiveFile::Open(const std::string& path) {
+  std::unique_ptr<HiveFile> hive(new HiveFile());
+#if !defined(_WIN32)
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    throw RecordError(path + ": not a readable registry hive (" + std::strerror(errno) + ")");
+  }
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    ::close(fd);
+    throw RecordError(path + ": not a readable registry hive (not a regular file)");
+  }
+  const auto size = static_cast<std::size_t>(status.st_size);
+  if (size >= kFirstBin) {
+    void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
+    if (mapped != MAP_FAILED) {
+      hive->mapping_ = mapped;
+      hive->mappingSize_ = size;
+      hive->data_ = static_cast<const unsigned char*>(mapped);
+      hive->size_ = size;
+      // Keys are read where they lie, so read-ahead only fills memory with cells never used.
+      ::madvise(mapped, size, MADV_RANDOM);
+    }
+  }
+  ::close(fd);
+  if (hive->mapping_ == nullptr && size >= kFirstBin) {
+    throw RecordError(path + ": not a readable registry hive (cannot map it)");
+  }
+#else
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw RecordError(path + ": not a readable registry hive (cannot open it)");
+  hive->bytes_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  hive->data_ = reinterpret_cast<const unsigned char*>(hive->bytes_.data());
+  hive->size_ = hive->bytes_.size();
+#endif
+  hive->check(path);
+  return hive;
+}
+
+std::unique_ptr<HiveFile> HiveFile::FromBytes(std::string bytes, const std::string& name) {
+  std::unique_ptr<HiveFile> hive(new HiveFile());
+  hive->bytes_ = std::move(bytes);
+  hive->data_ = reinterpret_cast<const unsigned char*>(hive->bytes_.data());
+  hive->size_ = hive->bytes_.size();
+  hive->check(name);
+  return hive;
+}
+
+HiveFile::~HiveFile() {
+#if !defined(_WIN32)
+  if (mapping_ != nullptr) ::munmap(mapping_, mappingSize_);
+#endif
+}
+
+// What Windows checks before it uses a hive's primary file.
+void HiveFile::check(const std::string& name) {
+  auto refuse = [&name](const std::string& why) {
+    throw RecordError(name + ": not a readable registry hive (" + why + ")");
+  };
+  if (size_ < kFirstBin || std::memcmp(data_, "regf", 4) != 0) refuse("no \"regf\" header");
+  if (Get32(data_ + 0x14) != 1) refuse("format version " + std::to_string(Get32(data_ + 0x14)));
+  std::uint32_t sum = 0;
+  for (std::size_t i = 0; i < 0x1FC; i += 4) sum ^= Get32(data_ + i);
+  if (sum == 0) sum = 1;
+  if (sum == 0xFFFFFFFFu) sum = 0xFFFFFFFEu;
+  if (sum != Get32(data_ + 0x1FC)) refuse("header checksum does not match");
+  const std::size_t bins = Get32(data_ + 0x28);
+  if (bins == 0 || bins % kPage != 0) refuse("bins size " + Hex(bins) + " is no multiple of 4 KiB");
+  if (bins > size_ - kFirstBin) {
+    refuse("the header says " + std::to_string(bins) + " bytes of bins, the file holds " +
+           std::to_string(size_ - kFirstBin));
+  }
+  binsEnd_ = kFirstBin + bins;
+  root_ = Get32(data_ + 0x24);
+  Key key;
+  const std::string fault = readKey(root_, key);
+  if (!fault.empty()) refuse("root key: " + fault);
+}
+
+bool HiveFile::insideBin(std::size_t at, std::size_t length) const {
+  auto known = bins_.upper_bound(at);
+  if (known != bins_.begin()) {
+    --known;
+    if (at >= known->first + kBinHeader && at + length <= known->second) return true;
+    if (at < known->second) return false;  // in a known bin, but crossing its end
+  }
+  const std::size_t page = kFirstBin + ((at - kFirstBin) & ~(kPage - 1));
+  for (std::size_t start = page;; start -= kPage) {
+    const unsigned char* header = data_ + start;
+    if (std::memcmp(header, "hbin", 4) == 0 && Get32(header + 4) == start - kFirstBin) {
+      const std::size_t size = Get32(header + 8);
+      if (size < kPage || size % kPage != 0 || size > binsEnd_ - start) return false;
+      bins_.emplace(start, start + size);
+      return at >= start + kBinHeader && at + length <= start + size;
+    }
+    if (start == kFirstBin || page - start >= kMaxBinReach) return false;
+  }
+}
+
+const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std::size_t* length,
+                                       std::string& fault) const {
+  const std::size_t at = kFirstBin + cell;
+  if ((cell & 3) != 0 || at + 4 > binsEnd_) {
+    fault = "cell " + Hex(cell) + " outside the bins";
+    return nullptr;
+  }
+  const auto size = static_cast<std::int32_t>(Get32(data_ + at));
+  const std::int64_t used = -static_cast<std::int64_t>(size);
+  if (used < 4 || static_cast<std::uint64_t>(used) > binsEnd_ - at) {
+    fault = "cell " + Hex(cell) + (size >= 0 ? " is free" : " has a bad size");
+    return nullptr;
+  }
+  const auto total = static_cast<std::size_t>(used);
+  if (total - 4 < need) {
+    fault = "cell " + Hex(cell) + " is too short for its record";
+    return nullptr;
+  }
+  if (!insideBin(at, total)) {
+    fault = "cell " + Hex(cell) + " lies in no bin";
+    return nullptr;
+  }
+  if (length) *length = total - 4;
+  return data_ + at + 4;
+}
+
+std::string HiveFile::readKey(std::uint32_t cell, Key& out) const {
+  std::string fault;
+  std::size_t length = 0;
+  const unsigned char* p = payload(cell, kKeyName, &length, fault);
+  if (!p) return fault;
+  if (p[0] != 'n' || p[1] != 'k') return "cell " + Hex(cell) + " is no key record";
+  const std::size_t nameBytes = Get16(p + kKeyNameLength);
+  if (kKeyName + nameBytes > length) return "key record " + Hex(cell) + ": name runs past its cell";
+  out.name = Name(p + kKeyName, nameBytes, (Get16(p + kKeyFlags) & kKeyCompressedName) != 0);
+  out.lastWriteTime = Get64(p + kKeyTime);
+  out.subKeyCount = Get32(p + kKeySubKeyCount);
+  out.subKeyList = Get32(p + kKeySubKeyList);
+  out.valueCount = Get32(p + kKeyValueCount);
+  out.valueList = Get32(p + kKeyValueList);
+  return {};
+}
+
+std::string HiveFile::listCells(std::uint32_t list, std::uint32_t declared, bool nested,
+                                std::vector<std::uint32_t>& out) const {
+  std::string fault;
+  std::size_t length = 0;
+  const unsigned char* p = payload(list, 4, &length, fault);
+  if (!p) return "sub-key list: " + fault;
+  const std::size_t count = Get16(p + 2);
+  const bool hashed = p[0] == 'l' && (p[1] == 'f' || p[1] == 'h');
+  const bool plain = p[0] == 'l' && p[1] == 'i';
+  const bool index = p[0] == 'r' && p[1] == 'i';
+  if (!hashed && !plain && !(index && !nested)) {
+    return "sub-key list " + Hex(list) + " is no list";
+  }
+  const std::size_t stride = hashed ? 8 : 4;
+  if (4 + count * stride > length) return "sub-key list " + Hex(list) + " runs past its cell";
+  for (std::size_t i = 0; i < count && out.size() < declared; ++i) {
+    const std::uint32_t entry = Get32(p + 4 + i * stride);
+    if (index) {
+      fault = listCells(entry, declared, true, out);
+      if (!fault.empty()) return fault;
+    } else {
+      out.push_back(entry);
+    }
+  }
+  return {};
+}
+
+std::string HiveFile::subKeyCells(const Key& key, std::vector<std::uint32_t>& out) const {
+  out.clear();
+  if (key.subKeyCount == 0) return {};
+  const std::string fault = listCells(key.subKeyList, key.subKeyCount, false, out);
+  if (!fault.empty()) return fault;
+  if (out.size() != key.subKeyCount) {
+    return "declares " + std::to_string(key.subKeyCount) + " sub-keys, its lists hold " +
+           std::to_string(out.size());
+  }
+  return {};
+}
+
+std::string HiveFile::valueCells(const Key& key, std::vector<std::uint32_t>& out) const {
+  out.clear();
+  if (key.valueCount == 0) return {};
+  std::string fault;
+  // A value list is as long as its cell, which bounds the count a damaged key declares.
+  const unsigned char* p = payload(key.valueList, std::size_t{4} * key.valueCount, nullptr, fault);
+  if (!p) return "value list: " + fault;
+  out.reserve(key.valueCount);
+  for (std::size_t i = 0; i < key.valueCount; ++i) out.push_back(Get32(p + 4 * i));
+  return {};
+}
+
+std::string HiveFile::readValue(std::uint32_t cell, RegValue& out) const {
+  std::string fault;
+  std::size_t length = 0;
+  const unsigned char* p = payload(cell, kValueName, &length, fault);
+  if (!p) return fault;
+  if (p[0] != 'v' || p[1] != 'k') return "cell " + Hex(cell) + " is no value record";
+  const std::size_t nameBytes = Get16(p + kValueNameLength);
+  if (kValueName + nameBytes > length) {
+    return "value record " + Hex(cell) + ": name runs past its cell";
+  }
+  out.name = Name(p + kValueName, nameBytes, (Get16(p + kValueFlags) & kValueCompressedName) != 0);
+  out.type = Get32(p + kValueType);
+  out.data.clear();
+  const std::uint32_t declared = Get32(p + kValueDataLength);
+  const std::size_t size = declared & ~kInlineData;
+  if (declared & kInlineData) {
+    // Up to four bytes live in the record, where the data's cell would be named.
+    if (size > 4) return "value record " + Hex(cell) + ": inline data longer than 4 bytes";
+    out.data.assign(p + kValueData, p + kValueData + size);
+    return {};
+  }
+  if (size == 0) return {};
+  if (size > kMaxValueSize) {
+    return "larger than 16 MiB (" + std::to_string(size) + " bytes)";
+  }
+  const std::uint32_t dataCell = Get32(p + kValueData);
+  std::size_t held = 0;
+  const unsigned char* data = payload(dataCell, 0, &held, fault);
+  if (!data) return "data: " + fault;
+  if (size <= held) {
+    out.data.assign(data, data + size);
+    return {};
+  }
+  // Larger than its cell: a big-data record ("db") listing segments of 16,344 bytes.
+  if (held < 8 || data[0] != 'd' || data[1] != 'b') {
+    return "data of " + std::to_string(size) + " bytes in a cell of " + std::to_string(held);
+  }
+  const std::size_t segments = Get16(data + 2);
+  const unsigned char* list = payload(Get32(data + 4), 4 * segments, nullptr, fault);
+  if (!list) return "data segments: " + fault;
+  out.data.reserve(size);
+  for (std::size_t i = 0; i < segments && out.data.size() < size; ++i) {
+    const std::size_t take = std::min(kBigDataSegment, size - out.data.size());
+    const unsigned char* segment = payload(Get32(list + 4 * i), take, nullptr, fault);
+    if (!segment) return "data segment " + std::to_string(i) + ": " + fault;
+    out.data.insert(out.data.end(), segment, segment + take);
+  }
+  if (out.data.size() != size) {
+    return "data segments hold " + std::to_string(out.data.size()) + " of " + std::to_string(size) +
+           " bytes";
+  }
+  return {};
+}
+
+}  // namespace platform::recorded

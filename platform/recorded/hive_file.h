@@ -1,0 +1,76 @@
+// A registry hive file (the binary "regf" format Windows keeps its registry in), read in
+// place: the file is mapped, and a key's cells are decoded only when the key is read, so
+// opening one key of a 300 MB SOFTWARE hive touches a few pages of it. Every cell is
+// checked against the file and its bin before it is used: hive files are untrusted input.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/export.h"
+#include "platform/recorded/registry_model.h"
+
+namespace platform::recorded {
+
+class KPLATFORM_API HiveFile {
+ public:
+  // Maps the file; throws platform::RecordError naming it when it is no hive (bad header,
+  // checksum, sizes or root key).
+  static std::unique_ptr<HiveFile> Open(const std::string& path);
+  // The same over bytes in memory (tests, fuzzing); `name` names them in messages.
+  static std::unique_ptr<HiveFile> FromBytes(std::string bytes, const std::string& name);
+  ~HiveFile();
+  HiveFile(const HiveFile&) = delete;
+  HiveFile& operator=(const HiveFile&) = delete;
+
+  std::uint32_t rootCell() const { return root_; }
+  std::size_t size() const { return size_; }
+
+  // A key record ("nk"): its name, time and where its lists are.
+  struct Key {
+    std::u16string name;
+    std::uint64_t lastWriteTime = 0;
+    std::uint32_t subKeyCount = 0;
+    std::uint32_t subKeyList = 0;
+    std::uint32_t valueCount = 0;
+    std::uint32_t valueList = 0;
+  };
+
+  // Each call answers an empty text on success, else what is wrong, as "sub-key list at
+  // 0x2f0 is not a list"; what was read before the fault stays in `out`.
+  std::string readKey(std::uint32_t cell, Key& out) const;
+  // The cells of the key's sub-keys, through lf, lh, li and ri lists, at most the count
+  // its record declares.
+  std::string subKeyCells(const Key& key, std::vector<std::uint32_t>& out) const;
+  std::string valueCells(const Key& key, std::vector<std::uint32_t>& out) const;
+  // A value record ("vk") with its data (inline, in one cell, or in big-data segments).
+  std::string readValue(std::uint32_t cell, RegValue& out) const;
+
+ private:
+  HiveFile() = default;
+  void check(const std::string& name);
+  // The cell's payload (after its size field) when `cell` is an allocated cell of at
+  // least `need` bytes inside one bin; null otherwise, with the reason in `fault`.
+  const unsigned char* payload(std::uint32_t cell, std::size_t need, std::size_t* length,
+                               std::string& fault) const;
+  bool insideBin(std::size_t at, std::size_t length) const;
+  std::string listCells(std::uint32_t list, std::uint32_t declared, bool nested,
+                        std::vector<std::uint32_t>& out) const;
+
+  const unsigned char* data_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t binsEnd_ = 0;  // end of the last bin, as the header says
+  std::uint32_t root_ = 0;
+  std::string bytes_;  // the file's bytes when they are not mapped
+  void* mapping_ = nullptr;
+  std::size_t mappingSize_ = 0;
+  // Bins found so far (start -> end, file offsets): a cell's bin is looked for once, by
+  // reading bin headers only.
+  mutable std::map<std::size_t, std::size_t> bins_;
+};
+
+}  // namespace platform::recorded

@@ -1,0 +1,376 @@
+// The hive reader: the same keys, values and bytes as libhivex on every real hive; files
+// that are no hive refused by name; damaged keys left out and reported, their siblings kept.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#ifdef IA_HAVE_HIVEX
+#include <hivex.h>
+#endif
+
+#include "platform/recorded/codepage.h"
+#include "platform/recorded/hive_file.h"
+#include "platform/recorded/record_error.h"
+#include "platform/recorded/recorded_registry.h"
+
+using namespace platform;
+using platform::recorded::HiveFile;
+using platform::recorded::Mount;
+using platform::recorded::RecordedRegistry;
+using platform::recorded::RegKey;
+using platform::recorded::WideToUtf8;
+
+namespace {
+
+std::string HiveDir() {
+  return std::string(IA_REALDATA_DIR) + "/hives";
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+Mount MountFor(const std::string& file) {
+  if (file.find("NTUSER") != std::string::npos) return Mount::NtUser;
+  if (file.find("BCD") != std::string::npos) return Mount::Bcd;
+  if (file.find("SYSTEM") != std::string::npos) return Mount::System;
+  return Mount::Software;
+}
+
+const RegKey& MountKey(const RecordedRegistry& reg, Mount where) {
+  const RegKey* key = reg.tree().find(recorded::MountPath(where));
+  if (!key) throw std::runtime_error("no mount key");
+  return *key;
+}
+
+#ifdef IA_HAVE_HIVEX
+struct Freed {
+  void operator()(void* p) const { std::free(p); }
+};
+
+// Walks libhivex's tree and ours side by side; the first difference, or "".
+class Differ {
+ public:
+  explicit Differ(hive_h* hive) : hive_(hive) {}
+  size_t keys = 0, values = 0;
+
+  std::string compare(hive_node_h node, const RegKey& key, const std::string& path) {
+    ++keys;
+    const std::int64_t time = hivex_node_timestamp(hive_, node);
+    if (time >= 0 && static_cast<std::uint64_t>(time) != key.lastWriteTime())
+      return path + ": time";
+    std::unique_ptr<hive_value_h, Freed> theirValues(hivex_node_values(hive_, node));
+    if (!theirValues) return path + ": libhivex cannot list the values";
+    size_t n = 0;
+    for (; theirValues.get()[n]; ++n) {
+      if (n >= key.valueCount()) return path + ": fewer values";
+      const hive_value_h v = theirValues.get()[n];
+      const recorded::RegValue& ours = key.value(n);
+      std::unique_ptr<char, Freed> name(hivex_value_key(hive_, v));
+      const std::string where = path + " value " + (name ? name.get() : "?");
+      if (!name || name.get() != WideToUtf8(ours.name)) return where + ": name";
+      hive_type type;
+      size_t length = 0;
+      std::unique_ptr<char, Freed> data(hivex_value_value(hive_, v, &type, &length));
+      if (static_cast<DWORD>(type) != ours.type) return where + ": type";
+      const std::string theirs = data ? std::string(data.get(), length) : std::string();
+      if (theirs != std::string(ours.data.begin(), ours.data.end())) return where + ": data";
+      ++values;
+    }
+    if (n != key.valueCount()) return path + ": more values";
+    std::unique_ptr<hive_node_h, Freed> children(hivex_node_children(hive_, node));
+    if (!children) return path + ": libhivex cannot list the sub-keys";
+    size_t c = 0;
+    for (; children.get()[c]; ++c) {
+      if (c >= key.subKeyCount()) return path + ": fewer sub-keys";
+      std::unique_ptr<char, Freed> name(hivex_node_name(hive_, children.get()[c]));
+      const RegKey& sub = key.subKey(c);
+      if (!name || name.get() != WideToUtf8(sub.name())) return path + "\\" + name.get() + ": name";
+      const std::string difference =
+          compare(children.get()[c], sub, path + "\\" + WideToUtf8(sub.name()));
+      if (!difference.empty()) return difference;
+    }
+    if (c != key.subKeyCount()) return path + ": more sub-keys";
+    return {};
+  }
+
+ private:
+  hive_h* hive_;
+};
+#endif
+
+}  // namespace
+
+TEST(HiveFile, ReadsEveryRealHiveAsLibhivexDoes) {
+#ifndef IA_HAVE_HIVEX
+  GTEST_SKIP() << "built without libhivex";
+#else
+  if (!std::filesystem::is_directory(HiveDir())) GTEST_SKIP() << "no real data";
+  size_t hives = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(HiveDir())) {
+    const std::string file = entry.path().filename().string();
+    if (file == "corrupt-SYSTEM") continue;  // libhivex refuses it; see below
+    SCOPED_TRACE(file);
+    RecordedRegistry reg;
+    reg.loadHive(entry.path().string(), MountFor(file));
+    hive_h* hive = hivex_open(entry.path().c_str(), 0);
+    ASSERT_NE(hive, nullptr);
+    Differ differ(hive);
+    EXPECT_EQ(differ.compare(hivex_root(hive), MountKey(reg, MountFor(file)), file), "");
+    hivex_close(hive);
+    EXPECT_EQ(reg.tree().damage(), std::vector<std::string>());
+    RecordProperty(file + "_keys", static_cast<int>(differ.keys));
+    EXPECT_GT(differ.keys, 0u);
+    ++hives;
+  }
+  EXPECT_EQ(hives, 7u);
+#endif
+}
+
+// The real damaged hive: its bins end after 100 KiB while its header claims 3.4 MB.
+// libhivex refuses the whole file; Windows, and this reader, read what is sound and leave
+// out what points past the damage.
+TEST(HiveFile, DamagedRealHiveReadsUpToItsDamage) {
+  const std::string path = HiveDir() + "/corrupt-SYSTEM";
+  if (!std::filesystem::exists(path)) GTEST_SKIP() << "no real data";
+  RecordedRegistry reg;
+  reg.loadHive(path, Mount::System);
+  std::function<size_t(const RegKey&)> count = [&](const RegKey& key) {
+    size_t n = 1;
+    for (size_t i = 0; i < key.subKeyCount(); ++i) n += count(key.subKey(i));
+    return n;
+  };
+  EXPECT_GT(count(MountKey(reg, Mount::System)), 1000u);
+  const std::vector<std::string> damage = reg.tree().damage();
+  ASSERT_FALSE(damage.empty());
+  for (const std::string& line : damage) {
+    if (line.rfind("... and ", 0) == 0) continue;
+    EXPECT_EQ(line.rfind(path + ": damaged hive, key HKEY_LOCAL_MACHINE\\", 0), 0u) << line;
+  }
+}
+
+namespace {
+
+// tests/fixtures/hostile/parent-keys.hive is parent-keys.reg merged into the empty hive of
+// the real data (hivexregedit --merge): HKLM\SOFTWARE\Parent with the 8-byte value Big
+// and the sub-keys Later, Nx and a 255-character name. Each case damages one field of it,
+// as the hostile records did.
+constexpr size_t kFirstBin = 0x1000;  // cell offsets count from here
+constexpr size_t kKeyName = 0x4C;     // from a key record's "nk"
+constexpr size_t kKeyNameLength = 0x48;
+constexpr size_t kKeySubKeyList = 0x1C;
+constexpr size_t kValueName = 0x14;  // from a value record's "vk"
+constexpr size_t kValueDataLength = 0x04;
+
+std::uint32_t Get32(const std::string& bytes, size_t at) {
+  std::uint32_t v = 0;
+  for (size_t i = 4; i-- > 0;) v = (v << 8) | static_cast<unsigned char>(bytes.at(at + i));
+  return v;
+}
+
+void Put(std::string& bytes, size_t at, std::uint32_t v, size_t width) {
+  for (size_t i = 0; i < width; ++i) bytes.at(at + i) = static_cast<char>(v >> (8 * i));
+}
+
+size_t NameAt(const std::string& hive, const std::string& name) {
+  const size_t at = hive.find(name);
+  if (at == std::string::npos) throw std::runtime_error("fixture lacks " + name);
+  return at;
+}
+
+// The header's checksum after a change to it, as Windows computes it.
+void Resum(std::string& hive) {
+  std::uint32_t sum = 0;
+  for (size_t i = 0; i < 0x1FC; i += 4) sum ^= Get32(hive, i);
+  Put(hive, 0x1FC, sum == 0 ? 1 : sum == 0xFFFFFFFFu ? 0xFFFFFFFEu : sum, 4);
+}
+
+std::string ParentKeys() {
+  const std::string hive = ReadFile(IA_SOURCE_DIR "/tests/fixtures/hostile/parent-keys.hive");
+  if (hive.size() != 12288u) throw std::runtime_error("fixture changed");
+  return hive;
+}
+
+std::vector<std::string> Names(const RegKey& key) {
+  std::vector<std::string> names;
+  for (size_t i = 0; i < key.subKeyCount(); ++i) {
+    names.push_back(WideToUtf8(key.subKey(i).name()).substr(0, 4));
+  }
+  return names;
+}
+
+}  // namespace
+
+TEST(HiveFile, DamagedKeysAreLeftOutAndReportedByFileAndKey) {
+  const std::string base = ParentKeys();
+  const std::string longName(255, 'L');
+  const size_t nx = NameAt(base, "Nx");
+  const size_t parentKey = NameAt(base, "Parent") - kKeyName;
+  const size_t subKeys = kFirstBin + Get32(base, parentKey + kKeySubKeyList) + 4;  // "lh"
+  const std::vector<std::string> all = {"Late", "LLLL", "Nx"};
+  const struct {
+    const char* what;
+    std::function<void(std::string&)> damage;
+    std::vector<std::string> keys;  // Parent's sub-keys as read
+    size_t values;                  // Parent's values as read
+    const char* report;             // null: no damage reported
+  } cases[] = {
+      {"as made: a 255-character name is the longest Windows allows", [](std::string&) {}, all, 1,
+       nullptr},
+      {"name length 0",
+       [&](std::string& h) { Put(h, nx - kKeyName + kKeyNameLength, 0, 2); },
+       {"Late", "LLLL"},
+       1,
+       "key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent: sub-key with an empty name: '' (left out)"},
+      // A C string reads it as empty: reg query /s would reopen the parent for it.
+      {"name starting with NUL",
+       [&](std::string& h) { h[nx] = '\0'; },
+       {"Late", "LLLL"},
+       1,
+       "sub-key with a NUL character in its name: '\\x00x'"},
+      {"'\\' in a name",
+       [&](std::string& h) { h[nx + 1] = '\\'; },
+       {"Late", "LLLL"},
+       1,
+       "sub-key with a '\\' in its name: 'N\\'"},
+      // The cell's last byte (padding) becomes the 256th character.
+      {"256-character name",
+       [&](std::string& h) {
+         const size_t name = NameAt(h, longName);
+         Put(h, name - kKeyName + kKeyNameLength, 256, 2);
+         h[name + 255] = 'L';
+       },
+       {"Late", "Nx"},
+       1,
+       "sub-key with a name longer than 255 characters: 'LLLL"},
+      {"name running past its cell",
+       [&](std::string& h) { Put(h, nx - kKeyName + kKeyNameLength, 0xFFFF, 2); },
+       {"Late", "LLLL"},
+       1,
+       "name runs past its cell"},
+      {"sub-key list naming its first key twice",
+       [&](std::string& h) { Put(h, subKeys + 12, Get32(h, subKeys + 4), 4); },
+       {"Late", "Nx"},
+       1,
+       "a sub-key reached a second time through the sub-key lists"},
+      {"sub-key list naming the key itself",
+       [&](std::string& h) {
+         Put(h, subKeys + 4, static_cast<std::uint32_t>(parentKey - 4 - kFirstBin), 4);
+       },
+       {"LLLL", "Nx"},
+       1,
+       "a sub-key reached a second time"},
+      {"sub-key list pointing past the file",
+       [&](std::string& h) { Put(h, subKeys + 4, 0x7FFFFFF0, 4); },
+       {"LLLL", "Nx"},
+       1,
+       "cell 0x7ffffff0 outside the bins"},
+      {"sub-key count larger than the lists",
+       [&](std::string& h) { Put(h, parentKey + 0x14, 5, 4); }, all, 1,
+       "declares 5 sub-keys, its lists hold 3"},
+      {"value of 17 MiB",
+       [&](std::string& h) {
+         Put(h, NameAt(h, "Big") - kValueName + kValueDataLength, 17 << 20, 4);
+       },
+       all, 0, "value 'Big' larger than 16 MiB (17825792 bytes) (left out)"},
+      {"value count far beyond its list",
+       [&](std::string& h) { Put(h, parentKey + 0x24, 0x40000000, 4); }, all, 0,
+       "value list: cell"},
+  };
+  const std::string path = ::testing::TempDir() + "hostile-" + std::to_string(::getpid()) + ".hive";
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string hive = base;
+    c.damage(hive);
+    std::ofstream(path, std::ios::binary) << hive;
+    RecordedRegistry reg;
+    reg.loadHive(path, Mount::Software);
+    const RegKey* parent = reg.tree().find(u"HKLM\\SOFTWARE\\Parent");
+    ASSERT_NE(parent, nullptr);
+    EXPECT_EQ(Names(*parent), c.keys);
+    EXPECT_EQ(parent->valueCount(), c.values);
+    const std::vector<std::string> damage = reg.tree().damage();
+    if (!c.report) {
+      EXPECT_EQ(damage, std::vector<std::string>());
+      continue;
+    }
+    ASSERT_EQ(damage.size(), 1u);
+    EXPECT_EQ(
+        damage[0].rfind(path + ": damaged hive, key HKEY_LOCAL_MACHINE\\SOFTWARE\\Parent: ", 0), 0u)
+        << damage[0];
+    EXPECT_NE(damage[0].find(c.report), std::string::npos) << damage[0];
+  }
+  std::filesystem::remove(path);
+}
+
+// What is no hive at all is refused when the machine loads, naming the file and the fault.
+TEST(HiveFile, FilesThatAreNoHiveAreRefused) {
+  const std::string base = ParentKeys();
+  const struct {
+    const char* what;
+    std::function<void(std::string&)> damage;
+    const char* refusal;  // null: opens
+  } cases[] = {
+      {"as made", [](std::string&) {}, nullptr},
+      {"too short for a header", [](std::string& h) { h.resize(100); }, "no \"regf\" header"},
+      {"another format", [](std::string& h) { h[0] = 'R'; }, "no \"regf\" header"},
+      {"version 2",
+       [](std::string& h) {
+         Put(h, 0x14, 2, 4);
+         Resum(h);
+       },
+       "format version 2"},
+      {"header changed, checksum not", [](std::string& h) { Put(h, 0x24, 0x40, 4); },
+       "header checksum does not match"},
+      {"bins larger than the file",
+       [](std::string& h) {
+         Put(h, 0x28, 0x10000, 4);
+         Resum(h);
+       },
+       "the header says 65536 bytes of bins, the file holds 8192"},
+      {"bins of no whole pages",
+       [](std::string& h) {
+         Put(h, 0x28, 0x1800, 4);
+         Resum(h);
+       },
+       "bins size 0x1800 is no multiple of 4 KiB"},
+      {"root in no cell",
+       [](std::string& h) {
+         Put(h, 0x24, 0x5000, 4);
+         Resum(h);
+       },
+       "root key: cell 0x5000 outside the bins"},
+      {"root cell a value",
+       [&](std::string& h) {
+         Put(h, 0x24, static_cast<std::uint32_t>(NameAt(h, "Big") - kValueName - 4 - kFirstBin), 4);
+         Resum(h);
+       },
+       "root key: cell 0x"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::string hive = base;
+    c.damage(hive);
+    try {
+      HiveFile::FromBytes(hive, "hives/SOFTWARE");
+      EXPECT_EQ(c.refusal, nullptr) << "opened";
+    } catch (const RecordError& e) {
+      ASSERT_NE(c.refusal, nullptr) << e.what();
+      const std::string message = e.what();
+      EXPECT_EQ(message.rfind("hives/SOFTWARE: not a readable registry hive (", 0), 0u) << message;
+      EXPECT_NE(message.find(c.refusal), std::string::npos) << message;
+    }
+  }
+}
