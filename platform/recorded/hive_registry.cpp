@@ -169,11 +169,16 @@ bool HiveFilesSupported() {
 }
 
 void LoadHiveFile(RegistryTree& tree, const std::string& path, Mount where) {
-  auto source = std::make_unique<HiveSource>(HiveFile::Open(path), path, tree);
+  MountHive(tree, HiveFile::Open(path), path, where);
+}
+
+void MountHive(RegistryTree& tree, std::unique_ptr<HiveFile> hive, const std::string& name,
+               Mount where) {
+  auto source = std::make_unique<HiveSource>(std::move(hive), name, tree);
   const std::vector<std::u16string> parts = SplitPath(MountPath(where));
   RegKey* key = tree.root(parts[0]);
   for (size_t i = 1; i < parts.size(); ++i) key = &key->ensureSubKey(parts[i]);
-  if (key->isBound()) throw RecordError(path + ": a second hive for the same key");
+  if (key->isBound()) throw RecordError(name + ": a second hive for the same key");
   HiveFile::Key root;
   source->file().readKey(source->file().rootCell(), root);  // checked when the file opened
   source->visit(source->file().rootCell());

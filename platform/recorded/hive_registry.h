@@ -2,6 +2,7 @@
 // recorded registry and read as keys are asked for.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "platform/export.h"
@@ -24,5 +25,10 @@ KPLATFORM_API bool HiveFilesSupported();
 // RegistryTree::reportDamage. Throws platform::RecordError naming the file when it is no
 // hive at all (header, checksum, sizes, root key) or a second hive for the same place.
 KPLATFORM_API void LoadHiveFile(RegistryTree& tree, const std::string& path, Mount where);
+
+class HiveFile;
+// The same for a hive already open (e.g. over bytes in memory); `name` names it in reports.
+KPLATFORM_API void MountHive(RegistryTree& tree, std::unique_ptr<HiveFile> hive,
+                             const std::string& name, Mount where);
 
 }  // namespace platform::recorded

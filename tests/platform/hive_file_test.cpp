@@ -16,7 +16,8 @@
 #include <vector>
 
 #ifdef IA_HAVE_HIVEX
-#include <hivex.h>
+#include "support/hivex_differ.h"
+using ia_test::HivexDiffer;
 #endif
 
 #include "platform/recorded/codepage.h"
@@ -55,62 +56,6 @@ const RegKey& MountKey(const RecordedRegistry& reg, Mount where) {
   return *key;
 }
 
-#ifdef IA_HAVE_HIVEX
-struct Freed {
-  void operator()(void* p) const { std::free(p); }
-};
-
-// Walks libhivex's tree and ours side by side; the first difference, or "".
-class Differ {
- public:
-  explicit Differ(hive_h* hive) : hive_(hive) {}
-  size_t keys = 0, values = 0;
-
-  std::string compare(hive_node_h node, const RegKey& key, const std::string& path) {
-    ++keys;
-    const std::int64_t time = hivex_node_timestamp(hive_, node);
-    if (time >= 0 && static_cast<std::uint64_t>(time) != key.lastWriteTime())
-      return path + ": time";
-    std::unique_ptr<hive_value_h, Freed> theirValues(hivex_node_values(hive_, node));
-    if (!theirValues) return path + ": libhivex cannot list the values";
-    size_t n = 0;
-    for (; theirValues.get()[n]; ++n) {
-      if (n >= key.valueCount()) return path + ": fewer values";
-      const hive_value_h v = theirValues.get()[n];
-      const recorded::RegValue& ours = key.value(n);
-      std::unique_ptr<char, Freed> name(hivex_value_key(hive_, v));
-      const std::string where = path + " value " + (name ? name.get() : "?");
-      if (!name || name.get() != WideToUtf8(ours.name)) return where + ": name";
-      hive_type type;
-      size_t length = 0;
-      std::unique_ptr<char, Freed> data(hivex_value_value(hive_, v, &type, &length));
-      if (static_cast<DWORD>(type) != ours.type) return where + ": type";
-      const std::string theirs = data ? std::string(data.get(), length) : std::string();
-      if (theirs != std::string(ours.data.begin(), ours.data.end())) return where + ": data";
-      ++values;
-    }
-    if (n != key.valueCount()) return path + ": more values";
-    std::unique_ptr<hive_node_h, Freed> children(hivex_node_children(hive_, node));
-    if (!children) return path + ": libhivex cannot list the sub-keys";
-    size_t c = 0;
-    for (; children.get()[c]; ++c) {
-      if (c >= key.subKeyCount()) return path + ": fewer sub-keys";
-      std::unique_ptr<char, Freed> name(hivex_node_name(hive_, children.get()[c]));
-      const RegKey& sub = key.subKey(c);
-      if (!name || name.get() != WideToUtf8(sub.name())) return path + "\\" + name.get() + ": name";
-      const std::string difference =
-          compare(children.get()[c], sub, path + "\\" + WideToUtf8(sub.name()));
-      if (!difference.empty()) return difference;
-    }
-    if (c != key.subKeyCount()) return path + ": more sub-keys";
-    return {};
-  }
-
- private:
-  hive_h* hive_;
-};
-#endif
-
 }  // namespace
 
 TEST(HiveFile, ReadsEveryRealHiveAsLibhivexDoes) {
@@ -127,7 +72,7 @@ TEST(HiveFile, ReadsEveryRealHiveAsLibhivexDoes) {
     reg.loadHive(entry.path().string(), MountFor(file));
     hive_h* hive = hivex_open(entry.path().c_str(), 0);
     ASSERT_NE(hive, nullptr);
-    Differ differ(hive);
+    HivexDiffer differ(hive);
     EXPECT_EQ(differ.compare(hivex_root(hive), MountKey(reg, MountFor(file)), file), "");
     hivex_close(hive);
     EXPECT_EQ(reg.tree().damage(), std::vector<std::string>());

@@ -1,0 +1,76 @@
+// Walks a hive through libhivex and through our reader side by side: the hive tests and
+// the hive fuzz target hold the reader to the same keys, values and bytes.
+#pragma once
+
+#include <hivex.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "platform/recorded/codepage.h"
+#include "platform/recorded/registry_model.h"
+
+namespace ia_test {
+
+using platform::DWORD;
+using platform::recorded::RegKey;
+using platform::recorded::WideToUtf8;
+
+struct Freed {
+  void operator()(void* p) const { std::free(p); }
+};
+
+// Walks libhivex's tree and ours side by side; the first difference, or "".
+class HivexDiffer {
+ public:
+  explicit HivexDiffer(hive_h* hive) : hive_(hive) {}
+  size_t keys = 0, values = 0;
+
+  std::string compare(hive_node_h node, const RegKey& key, const std::string& path) {
+    ++keys;
+    const std::int64_t time = hivex_node_timestamp(hive_, node);
+    if (time >= 0 && static_cast<std::uint64_t>(time) != key.lastWriteTime())
+      return path + ": time";
+    std::unique_ptr<hive_value_h, Freed> theirValues(hivex_node_values(hive_, node));
+    if (!theirValues) return path + ": libhivex cannot list the values";
+    size_t n = 0;
+    for (; theirValues.get()[n]; ++n) {
+      if (n >= key.valueCount()) return path + ": fewer values";
+      const hive_value_h v = theirValues.get()[n];
+      const platform::recorded::RegValue& ours = key.value(n);
+      std::unique_ptr<char, Freed> name(hivex_value_key(hive_, v));
+      const std::string where = path + " value " + (name ? name.get() : "?");
+      if (!name || name.get() != WideToUtf8(ours.name)) return where + ": name";
+      hive_type type;
+      size_t length = 0;
+      std::unique_ptr<char, Freed> data(hivex_value_value(hive_, v, &type, &length));
+      if (static_cast<DWORD>(type) != ours.type) return where + ": type";
+      const std::string theirs = data ? std::string(data.get(), length) : std::string();
+      if (theirs != std::string(ours.data.begin(), ours.data.end())) return where + ": data";
+      ++values;
+    }
+    if (n != key.valueCount()) return path + ": more values";
+    std::unique_ptr<hive_node_h, Freed> children(hivex_node_children(hive_, node));
+    if (!children) return path + ": libhivex cannot list the sub-keys";
+    size_t c = 0;
+    for (; children.get()[c]; ++c) {
+      if (c >= key.subKeyCount()) return path + ": fewer sub-keys";
+      std::unique_ptr<char, Freed> name(hivex_node_name(hive_, children.get()[c]));
+      const RegKey& sub = key.subKey(c);
+      if (!name || name.get() != WideToUtf8(sub.name()))
+        return path + "\\" + WideToUtf8(sub.name()) + ": name";
+      const std::string difference =
+          compare(children.get()[c], sub, path + "\\" + WideToUtf8(sub.name()));
+      if (!difference.empty()) return difference;
+    }
+    if (c != key.subKeyCount()) return path + ": more sub-keys";
+    return {};
+  }
+
+ private:
+  hive_h* hive_;
+};
+
+}  // namespace ia_test
