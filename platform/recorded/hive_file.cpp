@@ -25,9 +25,6 @@ namespace {
 constexpr std::size_t kFirstBin = 0x1000;
 constexpr std::size_t kPage = 0x1000;
 constexpr std::size_t kBinHeader = 0x20;
-// How far back from a cell its bin's header is looked for: bins grow past 4 KiB only to
-// hold one large cell, and no cell is larger than a 16 MiB value.
-constexpr std::size_t kMaxBinReach = 32u << 20;
 // Windows stores data above this size in segments of this size ("big data").
 constexpr std::size_t kBigDataSegment = 16344;
 
@@ -151,30 +148,51 @@ void HiveFile::check(const std::string& name) {
            std::to_string(size_ - kFirstBin));
   }
   binsEnd_ = kFirstBin + bins;
+  binOfPage_.assign(bins / kPage, 0);
   root_ = Get32(data_ + 0x24);
   Key key;
   const std::string fault = readKey(root_, key);
   if (!fault.empty()) refuse("root key: " + fault);
 }
 
-bool HiveFile::insideBin(std::size_t at, std::size_t length) const {
-  auto known = bins_.upper_bound(at);
-  if (known != bins_.begin()) {
-    --known;
-    if (at >= known->first + kBinHeader && at + length <= known->second) return true;
-    if (at < known->second) return false;  // in a known bin, but crossing its end
-  }
-  const std::size_t page = kFirstBin + ((at - kFirstBin) & ~(kPage - 1));
-  for (std::size_t start = page;; start -= kPage) {
-    const unsigned char* header = data_ + start;
-    if (std::memcmp(header, "hbin", 4) == 0 && Get32(header + 4) == start - kFirstBin) {
-      const std::size_t size = Get32(header + 8);
-      if (size < kPage || size % kPage != 0 || size > binsEnd_ - start) return false;
-      bins_.emplace(start, start + size);
-      return at >= start + kBinHeader && at + length <= start + size;
+std::uint32_t HiveFile::binOf(std::size_t page) const {
+  if (binOfPage_[page] != 0) return binOfPage_[page];
+  // Down to the nearest page already known or holding a bin header.
+  std::size_t q = page;
+  std::uint32_t found = 1;
+  for (;; --q) {
+    if (binOfPage_[q] != 0) {
+      found = binOfPage_[q];
+      break;
     }
-    if (start == kFirstBin || page - start >= kMaxBinReach) return false;
+    const std::size_t start = kFirstBin + q * kPage;
+    const unsigned char* header = data_ + start;
+    if (std::memcmp(header, "hbin", 4) == 0 && Get32(header + 4) == q * kPage) {
+      const std::size_t size = Get32(header + 8);
+      if (size >= kPage && size % kPage == 0 && size <= binsEnd_ - start) {
+        found = static_cast<std::uint32_t>(q + 2);
+      }
+      break;
+    }
+    if (q == 0) break;
   }
+  // The pages from there up lie in that bin while they are inside its end.
+  for (std::size_t p = q; p <= page; ++p) {
+    std::uint32_t bin = found;
+    if (bin >= 2) {
+      const std::size_t start = bin - 2;
+      if (p >= start + Get32(data_ + kFirstBin + start * kPage + 8) / kPage) bin = 1;
+    }
+    binOfPage_[p] = bin;
+  }
+  return binOfPage_[page];
+}
+
+bool HiveFile::insideBin(std::size_t at, std::size_t length) const {
+  const std::uint32_t bin = binOf((at - kFirstBin) / kPage);
+  if (bin < 2) return false;
+  const std::size_t start = kFirstBin + (bin - 2) * kPage;
+  return at >= start + kBinHeader && at + length <= start + Get32(data_ + start + 8);
 }
 
 const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std::size_t* length,

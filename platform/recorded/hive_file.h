@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -68,9 +67,11 @@ class KPLATFORM_API HiveFile {
   std::string bytes_;  // the file's bytes when they are not mapped
   void* mapping_ = nullptr;
   std::size_t mappingSize_ = 0;
-  // Bins found so far (start -> end, file offsets): a cell's bin is looked for once, by
-  // reading bin headers only.
-  mutable std::map<std::size_t, std::size_t> bins_;
+  // The bin of each page of the bins, found when a cell there is first read: 0 not looked
+  // for yet, 1 in no bin, else 2 + the page its bin starts at. Each page is looked at once,
+  // so finding bins costs at most one pass over the file whatever the cells point at.
+  std::uint32_t binOf(std::size_t page) const;
+  mutable std::vector<std::uint32_t> binOfPage_;
 };
 
 }  // namespace platform::recorded
