@@ -30,13 +30,6 @@ void givePageFiles(testing_machine::FakeMachine& machine) {
   };
 }
 
-TEST_F(FrameTest, AnswersItsIdentity) {
-  EXPECT_EQ(callbacks->GetName(), "Installed Application Collector");
-  EXPECT_EQ(callbacks->GetVersion(), "1.0");
-  EXPECT_EQ(callbacks->GetFrameworkVersion(), "1.0");
-  EXPECT_EQ(callbacks->Reserved(), nullptr);
-}
-
 TEST_F(FrameTest, LifeCycleMessagesAreRunTogether) {
   callbacks->Init();
   callbacks->DeInit();
