@@ -1,31 +1,17 @@
 // iac end to end: the built command, its plug-in and the default recorded machine.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 
+#include "cli/iac_run.h"
+
 namespace {
 
 namespace fs = std::filesystem;
-
-struct IacRun {
-  int status;
-  std::string out;
-  std::string err;
-};
-
-std::string slurp(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 class IacTest : public ::testing::Test {
  protected:
@@ -37,20 +23,11 @@ class IacTest : public ::testing::Test {
   }
   void TearDown() override { fs::remove_all(scratch); }
 
-  // Runs iac with `args` (shell words) and an optional environment prefix.
-  IacRun iac(const std::string& args, const std::string& environment = "") {
-    const fs::path out = scratch / "stdout", err = scratch / "stderr";
-    const std::string command =
-        environment + " " + IA_BIN_DIR "/iac " + args + " >" + out.string() + " 2>" + err.string();
-    const int raw = std::system(command.c_str());
-    return IacRun{WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
-  }
-
   fs::path scratch;
 };
 
 TEST_F(IacTest, PageFilesOfTheDefaultMachineInNameOrder) {
-  const IacRun run = iac("collect --class KestovaSG_PageFile --format json");
+  const IacOutput run = RunIac("collect --class KestovaSG_PageFile --format json");
   ASSERT_EQ(run.status, 0) << run.err;
   const auto document = nlohmann::json::parse(run.out);
   const auto& instances = document.at("instances");
@@ -80,9 +57,9 @@ class IacMachineTest : public IacTest, public ::testing::WithParamInterface<Mach
 
 TEST_P(IacMachineTest, PageFilesThroughEitherSource) {
   const MachinePageFiles& c = GetParam();
-  const IacRun run =
-      iac(std::string("collect --class KestovaSG_PageFile --format json --machine ") +
-          IA_SOURCE_DIR "/examples/machines/" + c.machine);
+  const IacOutput run =
+      RunIac(std::string("collect --class KestovaSG_PageFile --format json --machine ") +
+             IA_SOURCE_DIR "/examples/machines/" + c.machine);
   ASSERT_EQ(run.status, 0) << run.err;
   const auto document = nlohmann::json::parse(run.out);
   std::string names;
@@ -106,11 +83,11 @@ INSTANTIATE_TEST_SUITE_P(
                       MachinePageFiles{"vista-sp2", "", false}));
 
 TEST_F(IacTest, EveryFormatRendersTheSameInstances) {
-  const IacRun table = iac("collect --class KestovaSG_PageFile");
+  const IacOutput table = RunIac("collect --class KestovaSG_PageFile");
   ASSERT_EQ(table.status, 0) << table.err;
   EXPECT_NE(table.out.find("KestovaSG_PageFile: 2 instances"), std::string::npos) << table.out;
 
-  const IacRun jsonl = iac("collect --class KestovaSG_PageFile --format jsonl");
+  const IacOutput jsonl = RunIac("collect --class KestovaSG_PageFile --format jsonl");
   ASSERT_EQ(jsonl.status, 0) << jsonl.err;
   std::istringstream lines(jsonl.out);
   int count = 0;
@@ -119,17 +96,18 @@ TEST_F(IacTest, EveryFormatRendersTheSameInstances) {
   }
   EXPECT_EQ(count, 2);
 
-  const IacRun mof = iac("collect --class KestovaSG_PageFile --format mof");
+  const IacOutput mof = RunIac("collect --class KestovaSG_PageFile --format mof");
   ASSERT_EQ(mof.status, 0) << mof.err;
   EXPECT_EQ(mof.out.rfind("instance of KestovaSG_PageFile\n{\n", 0), 0u) << mof.out;
   EXPECT_NE(mof.out.find("    Name = \"C:\\\\pagefile.sys\";\n"), std::string::npos) << mof.out;
 }
 
 TEST_F(IacTest, UnknownClassIsNotAnError) {
-  const IacRun run = iac("collect --class KestovaSG_NoSuchClass --format json");
+  const IacOutput run = RunIac("collect --class KestovaSG_NoSuchClass --format json");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_TRUE(nlohmann::json::parse(run.out)["instances"].empty());
-  const IacRun table = iac("collect --class KestovaSG_PageFile --class KestovaSG_NoSuchClass");
+  const IacOutput table =
+      RunIac("collect --class KestovaSG_PageFile --class KestovaSG_NoSuchClass");
   ASSERT_EQ(table.status, 0) << table.err;
   EXPECT_NE(table.out.find("\nNo instances: KestovaSG_NoSuchClass\n"), std::string::npos)
       << table.out;
@@ -137,9 +115,11 @@ TEST_F(IacTest, UnknownClassIsNotAnError) {
 
 TEST_F(IacTest, LogFileKeepsMessagesUpToTheChosenLevel) {
   const fs::path log = scratch / "run.log";
-  const IacRun run = iac("collect --class KestovaSG_PageFile --log-level 3 --log " + log.string());
+  const IacOutput run =
+      RunIac("collect --class KestovaSG_PageFile --log-level 3 --log " + log.string());
   ASSERT_EQ(run.status, 0) << run.err;
-  const std::string text = slurp(log);
+  std::ifstream in(log);
+  const std::string text(std::istreambuf_iterator<char>(in), {});
   EXPECT_NE(text.find("3\tNormal exit from plugin.\n"), std::string::npos) << text;
   EXPECT_EQ(text.find("\n4\t"), std::string::npos) << text;
 }
@@ -154,7 +134,7 @@ class IacBadInputTest : public IacTest, public ::testing::WithParamInterface<Bad
 
 TEST_P(IacBadInputTest, ClearMessageNonZeroExitNothingPrinted) {
   const BadInput& c = GetParam();
-  const IacRun run = iac(c.args);
+  const IacOutput run = RunIac(c.args);
   EXPECT_EQ(run.status, c.status);
   EXPECT_NE(run.err.find(c.mentions), std::string::npos) << run.err;
   EXPECT_TRUE(run.out.empty()) << run.out;
@@ -174,7 +154,7 @@ INSTANTIATE_TEST_SUITE_P(Cases, IacBadInputTest,
 
 TEST_F(IacTest, BrokenMachineIsRefusedNamingTheFile) {
   std::ofstream(scratch / "machine.json") << "{ \"system\": 12 }";
-  const IacRun run = iac("collect --machine " + scratch.string());
+  const IacOutput run = RunIac("collect --machine " + scratch.string());
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("machine.json"), std::string::npos) << run.err;
   EXPECT_TRUE(run.out.empty());
@@ -183,13 +163,13 @@ TEST_F(IacTest, BrokenMachineIsRefusedNamingTheFile) {
 TEST_F(IacTest, PluginThatIsNotAPluginIsRefusedNamingTheFile) {
   const fs::path fake = scratch / "notaplugin.so";
   std::ofstream(fake) << "not a shared library";
-  const IacRun run = iac("collect --plugin " + fake.string());
+  const IacOutput run = RunIac("collect --plugin " + fake.string());
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("notaplugin.so"), std::string::npos) << run.err;
 }
 
 TEST_F(IacTest, ClassesListsTheSchema) {
-  const IacRun run = iac("classes");
+  const IacOutput run = RunIac("classes");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_NE(run.out.find("KestovaSG_PageFile\n"), std::string::npos);
   EXPECT_NE(run.out.find("    uint64 FileSize\n"), std::string::npos);
@@ -202,9 +182,9 @@ TEST_F(IacTest, RegQueryOfARealHiveThroughCurrentControlSet) {
   if (!fs::exists(hive)) GTEST_SKIP() << "no real data at " << hive;
   fs::create_directories(scratch / "hives");
   fs::create_symlink(hive, scratch / "hives" / "SYSTEM");  // a linked hive is read in place
-  const IacRun run =
-      iac("reg query --machine " + scratch.string() +
-          " \"HKLM\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment\"");
+  const IacOutput run =
+      RunIac("reg query --machine " + scratch.string() +
+             " \"HKLM\\SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Environment\"");
   ASSERT_EQ(run.status, 0) << run.err;
   int values = 0;
   std::istringstream lines(run.out);
@@ -240,16 +220,16 @@ TEST_F(IacTest, RegQueryViews) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.options);
-    const IacRun run =
-        iac("reg query --machine " + (scratch / "machine").string() +
-            " \"HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\" " + c.options);
+    const IacOutput run =
+        RunIac("reg query --machine " + (scratch / "machine").string() +
+               " \"HKLM\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\" " + c.options);
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, c.expected);
   }
 }
 
 TEST_F(IacTest, RegQueryOfAMissingKeyFails) {
-  const IacRun run = iac("reg query \"HKLM\\SOFTWARE\\No\\Such\\Key\"");
+  const IacOutput run = RunIac("reg query \"HKLM\\SOFTWARE\\No\\Such\\Key\"");
   EXPECT_EQ(run.status, 1);
   EXPECT_NE(run.err.find("ERROR:"), std::string::npos) << run.err;
 }
