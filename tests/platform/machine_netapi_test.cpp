@@ -1,4 +1,5 @@
 // Network management of a recorded machine: batches, resume handles, statuses, buffers.
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -22,63 +23,47 @@ const char* kFiveUsers = R"({"users": {"failAfterBatches": 3, "failStatus": 2221
      "logonHours": [0, 0, 255, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 255]},
     {"name": "b"}, {"name": "c"}, {"name": "d"}, {"name": "e"}]}})";
 
-TEST(MachineNetApi, UserEnumHandsOutBatchesUntilTheRecordedStatus) {
-  auto m = WithNet(kFiveUsers);
-  NetApi& net = m->net();
-  DWORD resume = 0;
-  std::vector<std::string> names;
-  std::vector<NET_API_STATUS> statuses;
-  NET_API_STATUS status;
-  do {
-    BYTE* buffer = nullptr;
-    DWORD read = 0, total = 0;
-    // As the collector calls it: 100 bytes preferred, which holds one record at most.
-    status = net.NetUserEnum(nullptr, 3, 0, &buffer, 100, &read, &total, &resume);
-    statuses.push_back(status);
-    auto* users = reinterpret_cast<USER_INFO_3*>(buffer);
-    for (DWORD i = 0; i < read; ++i) {
-      std::u16string w(users[i].usri3_name);
-      names.emplace_back(w.begin(), w.end());
-    }
-    EXPECT_EQ(net.NetApiBufferFree(buffer), NERR_Success);
-  } while (status == ERROR_MORE_DATA);
-  EXPECT_EQ(names, (std::vector<std::string>{"a", "b", "c"}));
-  EXPECT_EQ(statuses, (std::vector<NET_API_STATUS>{234, 234, 234, 2221}));
-  EXPECT_EQ(m->recordedNet().outstandingBuffers(), 0u);
-}
-
-TEST(MachineNetApi, BatchSizesAndResumeHandles) {
+// Batches as the collector asks for them (100 bytes preferred holds one record at most),
+// in record order, until the recorded failure or the end.
+TEST(MachineNetApi, BatchSizesResumeHandlesAndStatuses) {
   struct Case {
-    const char* users;
+    std::string users;
     DWORD preferred;
     std::vector<DWORD> batches;
+    NET_API_STATUS last;
   };
   const std::string records = R"("records": [{"name": "a"}, {"name": "b"}, {"name": "c"}])";
-  const std::string three = "{\"users\": {" + records + "}}";
-  const std::string batchOf2 = "{\"users\": {\"batchSize\": 2, " + records + "}}";
-  const std::string none = R"({"users": {"records": []}})";
   const Case cases[] = {
-      {three.c_str(), 100, {1, 1, 1}},
-      {three.c_str(), MAX_PREFERRED_LENGTH, {3}},
-      {batchOf2.c_str(), 100, {2, 1}},
-      {none.c_str(), 100, {0}},
+      {"{\"users\": {" + records + "}}", 100, {1, 1, 1}, NERR_Success},
+      {"{\"users\": {" + records + "}}", MAX_PREFERRED_LENGTH, {3}, NERR_Success},
+      {"{\"users\": {\"batchSize\": 2, " + records + "}}", 100, {2, 1}, NERR_Success},
+      {R"({"users": {"records": []}})", 100, {0}, NERR_Success},
+      {kFiveUsers, 100, {1, 1, 1, 0}, 2221},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.users);
     auto m = WithNet(c.users);
     DWORD resume = 0;
     std::vector<DWORD> batches;
+    std::string names;
     NET_API_STATUS status;
     do {
       BYTE* buffer = nullptr;
       DWORD read = 0, total = 0;
       status = m->net().NetUserEnum(nullptr, 3, 0, &buffer, c.preferred, &read, &total, &resume);
       batches.push_back(read);
-      m->net().NetApiBufferFree(buffer);
+      auto* users = reinterpret_cast<USER_INFO_3*>(buffer);
+      for (DWORD i = 0; i < read; ++i) names += static_cast<char>(users[i].usri3_name[0]);
+      EXPECT_EQ(m->net().NetApiBufferFree(buffer), NERR_Success);
     } while (status == ERROR_MORE_DATA && batches.size() < 10);
-    EXPECT_EQ(status, NERR_Success);
+    EXPECT_EQ(status, c.last);
     EXPECT_EQ(batches, c.batches);
-    EXPECT_EQ(resume, 0u);
+    const DWORD read = std::accumulate(c.batches.begin(), c.batches.end(), DWORD{0});
+    EXPECT_EQ(names, std::string("abcde").substr(0, read));
+    EXPECT_EQ(m->recordedNet().outstandingBuffers(), 0u);
+    if (status == NERR_Success) {
+      EXPECT_EQ(resume, 0u);
+    }
   }
 }
 
