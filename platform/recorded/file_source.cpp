@@ -60,12 +60,25 @@ void FileSource::addFile(const std::string& relative, std::string diskPath) {
   files_[Join(Names(relative))] = Entry{std::move(diskPath), std::string(), false, true};
 }
 
+void FileSource::setFallback(
+    std::function<std::optional<std::string>(const std::string&)> fallback) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  fallback_ = std::move(fallback);
+}
+
 const std::string* FileSource::find(const std::string& windowsPath) const {
   std::string key = Key(windowsPath);
   if (key.empty()) return nullptr;
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = files_.find(key);
-  if (it == files_.end()) return nullptr;
+  if (it == files_.end()) {
+    if (!fallback_) return nullptr;
+    std::optional<std::string> found = fallback_(key);
+    it = files_
+             .emplace(key, Entry{std::string(), found ? std::move(*found) : std::string(), true,
+                                 found.has_value()})
+             .first;
+  }
   Entry& entry = it->second;
   if (!entry.read) {
     entry.read = true;

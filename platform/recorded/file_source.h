@@ -2,8 +2,10 @@
 // for C:\WINDOWS\inf\sysoc.inf; lookups ignore case, as Windows does.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "platform/export.h"
@@ -20,6 +22,9 @@ class KPLATFORM_API FileSource {
   // The bytes of the file at a Windows path such as "C:\boot.ini"; null when absent (or
   // when a file on disk can no longer be read).
   const std::string* find(const std::string& windowsPath) const;
+  // Asked for a file not added, by key ("c/windows/inf/x.inf"), when a call first opens it
+  // (a volume that is read as it is used); its answer is kept.
+  void setFallback(std::function<std::optional<std::string>(const std::string&)> fallback);
   bool empty() const { return files_.empty(); }
 
   // "C:\WINDOWS\.\inf\..\boot.ini" -> "c/windows/boot.ini"; "" for a path that is not
@@ -35,6 +40,7 @@ class KPLATFORM_API FileSource {
   };
   mutable std::mutex mutex_;  // guards the reading of files on disk
   mutable std::map<std::string, Entry> files_;
+  std::function<std::optional<std::string>(const std::string&)> fallback_;
 };
 
 }  // namespace platform::recorded

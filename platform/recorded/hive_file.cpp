@@ -106,19 +106,26 @@ std::unique_ptr<HiveFile> HiveFile::Open(const std::string& path) {
 #else
   std::ifstream in(path, std::ios::binary);
   if (!in) throw RecordError(path + ": not a readable registry hive (cannot open it)");
-  hive->bytes_.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-  hive->data_ = reinterpret_cast<const unsigned char*>(hive->bytes_.data());
-  hive->size_ = hive->bytes_.size();
+  auto bytes = std::make_shared<const std::string>(std::istreambuf_iterator<char>(in),
+                                                   std::istreambuf_iterator<char>());
+  hive->bytes_ = bytes;
+  hive->data_ = reinterpret_cast<const unsigned char*>(bytes->data());
+  hive->size_ = bytes->size();
 #endif
   hive->check(path);
   return hive;
 }
 
 std::unique_ptr<HiveFile> HiveFile::FromBytes(std::string bytes, const std::string& name) {
+  return FromShared(std::make_shared<const std::string>(std::move(bytes)), name);
+}
+
+std::unique_ptr<HiveFile> HiveFile::FromShared(std::shared_ptr<const std::string> bytes,
+                                               const std::string& name) {
   std::unique_ptr<HiveFile> hive(new HiveFile());
   hive->bytes_ = std::move(bytes);
-  hive->data_ = reinterpret_cast<const unsigned char*>(hive->bytes_.data());
-  hive->size_ = hive->bytes_.size();
+  hive->data_ = reinterpret_cast<const unsigned char*>(hive->bytes_->data());
+  hive->size_ = hive->bytes_->size();
   hive->check(name);
   return hive;
 }

@@ -22,6 +22,9 @@ class KPLATFORM_API HiveFile {
   static std::unique_ptr<HiveFile> Open(const std::string& path);
   // The same over bytes in memory (tests, fuzzing); `name` names them in messages.
   static std::unique_ptr<HiveFile> FromBytes(std::string bytes, const std::string& name);
+  // Bytes shared with other readers of the same hive (an image's hive mounted twice).
+  static std::unique_ptr<HiveFile> FromShared(std::shared_ptr<const std::string> bytes,
+                                              const std::string& name);
   ~HiveFile();
   HiveFile(const HiveFile&) = delete;
   HiveFile& operator=(const HiveFile&) = delete;
@@ -64,7 +67,7 @@ class KPLATFORM_API HiveFile {
   std::size_t size_ = 0;
   std::size_t binsEnd_ = 0;  // end of the last bin, as the header says
   std::uint32_t root_ = 0;
-  std::string bytes_;  // the file's bytes when they are not mapped
+  std::shared_ptr<const std::string> bytes_;  // the file's bytes when they are not mapped
   void* mapping_ = nullptr;
   std::size_t mappingSize_ = 0;
   // The bin of each page of the bins, found when a cell there is first read: 0 not looked

@@ -1,5 +1,7 @@
 #include "platform/recorded/recorded_machine.h"
 
+#include "platform/recorded/hive_file.h"
+
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
@@ -26,13 +28,6 @@ namespace fs = std::filesystem;
 // how to read one. A directory's files are read only when the machine uses them (one .reg
 // export at a time, files/ when a call opens them), so that whatever else lies in the
 // folder costs nothing and memory follows what is loaded.
-struct RecordedMachine::Source {
-  std::vector<std::string> names;
-  std::function<std::string(const std::string&)> read;
-  // Files on disk (empty from memory): hive files are read in place by libhivex.
-  std::function<std::string(const std::string&)> diskPath;
-};
-
 struct RecordedMachine::Parts {
   MachineState state;
   RecordedRegistry registry;
@@ -82,17 +77,13 @@ RecordedMachine::RecordedMachine(std::unique_ptr<Parts> parts) : parts_(std::mov
 RecordedMachine::~RecordedMachine() = default;
 
 std::shared_ptr<RecordedMachine> RecordedMachine::Empty() {
-  return Build(Source{{}, nullptr, nullptr});
+  return Build(Source{});
 }
 
 std::shared_ptr<RecordedMachine> RecordedMachine::FromFiles(
     const std::map<std::string, std::string>& files) {
   Source source;
-  for (const auto& [name, bytes] : files) {
-    if (StartsWith(name, "hives/"))
-      throw RecordError(name + ": hive files are read only from a machine directory");
-    source.names.push_back(name);
-  }
+  for (const auto& [name, bytes] : files) source.names.push_back(name);
   source.read = [&files](const std::string& name) { return files.at(name); };
   return Build(source);
 }
@@ -115,6 +106,10 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Load(const std::string& direct
   for (const auto& entry : paths) source.names.push_back(entry.first);
   source.read = [&paths](const std::string& name) { return ReadFile(paths.at(name), name); };
   source.diskPath = [&paths](const std::string& name) { return paths.at(name).string(); };
+  return Build(source);
+}
+
+std::shared_ptr<RecordedMachine> RecordedMachine::FromSource(const Source& source) {
   return Build(source);
 }
 
@@ -180,11 +175,16 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Build(const Source& source) {
     if (!mount)
       throw RecordError(name +
                         ": not a hive this machine mounts (SOFTWARE, SYSTEM, NTUSER.DAT, BCD)");
-    if (!HiveFilesSupported())
-      throw RecordError(name + ": hive files cannot be read in this build");
-    parts->registry.loadHive(source.diskPath(name), *mount);
+    if (source.openHive) {
+      parts->registry.loadHive(source.openHive(name), name, *mount);
+    } else if (source.diskPath) {
+      parts->registry.loadHive(source.diskPath(name), *mount);
+    } else {
+      parts->registry.loadHive(HiveFile::FromBytes(source.read(name), name), name, *mount);
+    }
   }
 
+  if (source.findFile) state.files.setFallback(source.findFile);
   parts->system = std::make_unique<RecordedSystem>(std::move(system), state);
   parts->pdh = std::make_unique<RecordedPdh>(std::move(pdh));
   parts->net = std::make_unique<RecordedNetApi>(std::move(net), state);

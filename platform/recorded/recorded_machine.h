@@ -2,9 +2,12 @@
 // the registry as .reg exports and/or hive files, and files/ for files by Windows path.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/export.h"
 #include "platform/machine.h"
@@ -17,6 +20,7 @@ class RecordedPdh;
 class RecordedNetApi;
 class RecordedWmi;
 class RecordedSetup;
+class HiveFile;
 
 class KPLATFORM_API RecordedMachine : public Machine {
  public:
@@ -24,8 +28,7 @@ class KPLATFORM_API RecordedMachine : public Machine {
   // hives/ (SOFTWARE, SYSTEM, NTUSER.DAT, BCD), files/<drive>/<path>. Throws
   // platform::RecordError naming the file (and field) that cannot be read.
   static std::shared_ptr<RecordedMachine> Load(const std::string& directory);
-  // The same from memory: relative path with '/' -> content. Hive files are read only from
-  // a directory; a hives/ entry here is refused.
+  // The same from memory: relative path with '/' -> content.
   static std::shared_ptr<RecordedMachine> FromFiles(
       const std::map<std::string, std::string>& files);
   // A machine with nothing recorded: every call fails as Windows does when there is nothing.
@@ -48,8 +51,22 @@ class KPLATFORM_API RecordedMachine : public Machine {
   RecordedPdh& recordedPdh();
   RecordedSystem& recordedSystem();
 
+  // Where a machine's files come from: a folder, memory, or a Windows volume.
+  struct Source {
+    std::vector<std::string> names;  // relative paths as in a machine folder, sorted
+    std::function<std::string(const std::string&)> read;
+    // Files on disk (null from memory): hive files are mapped there.
+    std::function<std::string(const std::string&)> diskPath;
+    // Hive files opened otherwise (null: from diskPath, else from read).
+    std::function<std::unique_ptr<HiveFile>(const std::string&)> openHive;
+    // Files under files/ not among `names`, by FileSource key ("c/windows/inf/x.inf"),
+    // looked for when a call first opens them (null: there are none).
+    std::function<std::optional<std::string>(const std::string&)> findFile;
+  };
+  // A machine from any source; throws platform::RecordError as Load does.
+  static std::shared_ptr<RecordedMachine> FromSource(const Source& source);
+
   struct Parts;
-  struct Source;
 
  private:
   explicit RecordedMachine(std::unique_ptr<Parts> parts);

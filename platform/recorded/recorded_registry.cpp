@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "platform/recorded/codepage.h"
+#include "platform/recorded/hive_file.h"
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/reg_parser.h"
 #include "platform/recorded/registry_views.h"
@@ -105,6 +106,12 @@ void RecordedRegistry::loadRegFile(const std::string& name, const std::string& b
 
 void RecordedRegistry::loadHive(const std::string& path, Mount where) {
   LoadHiveFile(tree_, path, where);
+  findOpenKeysAgain();
+}
+
+void RecordedRegistry::loadHive(std::unique_ptr<HiveFile> hive, const std::string& name,
+                                Mount where) {
+  MountHive(tree_, std::move(hive), name, where);
   findOpenKeysAgain();
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -27,6 +28,8 @@ class KPLATFORM_API RecordedRegistry : public Registry {
   // or REGEDIT4 text in the code page set below, so set the code page first).
   void loadRegFile(const std::string& name, const std::string& bytes);
   void loadHive(const std::string& path, Mount where);
+  // A hive already open (read from an image, or from memory); `name` names it in reports.
+  void loadHive(std::unique_ptr<HiveFile> hive, const std::string& name, Mount where);
 
   // The machine's ANSI code page (default 1252) that the narrow calls convert to.
   // Throws std::invalid_argument for a code page this build cannot convert.
