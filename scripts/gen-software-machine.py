@@ -2,21 +2,24 @@
 """Writes a synthetic recorded machine with a large installed-software picture.
 
     scripts/gen-software-machine.py --out DIR [--apps N] [--products P] [--hotfixes H]
-                                    [--seed S] [--format reg]
+                                    [--seed S] [--format reg|hive]
 
 DIR gets machine.json (a Windows 7 SP1 x64 workstation whose Win32_QuickFixEngineering
-answers a few rows) and registry/software.reg, a UTF-16LE export as regedit writes it, with
-N Uninstall entries in each view (64-bit and Wow6432Node), P Installer\\Products entries and
-H HotFix keys. The names are chosen to load the comparisons an inventory makes: almost all
-DisplayNames are distinct, some repeat across the views and in Installer\\Products, some
-name a HotFix key ("KB123456" and "KB 123456") and some say "Hotfix". The same arguments
-always write the same bytes.
+answers a few rows) and the SOFTWARE registry, as registry/software.reg (a UTF-16LE export
+as regedit writes it) or as the hive file hives/SOFTWARE, with N Uninstall entries in each
+view (64-bit and Wow6432Node), P Installer\\Products entries and H HotFix keys. The names
+are chosen to load the comparisons an inventory makes: almost all DisplayNames are
+distinct, some repeat across the views and in Installer\\Products, some name a HotFix key
+("KB123456" and "KB 123456") and some say "Hotfix". The same arguments always write the
+same bytes, and both formats hold the same keys and values.
 """
 import argparse
 import json
 import os
 import random
 import uuid
+
+from synthetic_registry import dword, sz, write_hive, write_reg
 
 VENDORS = [
     "Adventure Works", "Alpine Ski House", "Blue Yonder", "Coho Vineyard", "Contoso",
@@ -50,10 +53,6 @@ def packed_version(version):
     """major<<24 | minor<<16 | build, as Windows Installer keeps a product version."""
     major, minor, build = version
     return (major << 24) | (minor << 16) | (build & 0xFFFF)
-
-
-def reg_string(text):
-    return '"' + text.replace("\\", "\\\\").replace('"', '\\"') + '"'
 
 
 class Generator:
@@ -96,7 +95,7 @@ class Generator:
 
 
 def uninstall_entries(gen, count, hotfixes, earlier_names):
-    """(key name, [value lines], DisplayName or None) for one view, in regedit's order."""
+    """(key name, [values], DisplayName or None) for one view, in regedit's order."""
     entries = {}
     for index in range(count):
         roll = gen.rng.random()
@@ -125,66 +124,72 @@ def uninstall_entries(gen, count, hotfixes, earlier_names):
             key = name
         values = []
         if name is not None:
-            values.append('"DisplayName"=' + reg_string(name))
+            values.append(sz("DisplayName", name))
         if gen.rng.random() < 0.95:
-            values.append('"DisplayVersion"=' + reg_string("%d.%d.%d.0" % version))
+            values.append(sz("DisplayVersion", "%d.%d.%d.0" % version))
         if publisher:
-            values.append('"Publisher"=' + reg_string(publisher))
+            values.append(sz("Publisher", publisher))
         date = gen.install_date()
         if date:
-            values.append('"InstallDate"=' + reg_string(date))
+            values.append(sz("InstallDate", date))
         if msi:
-            values.append('"Version"=dword:%08x' % packed_version(version))
-            values.append('"WindowsInstaller"=dword:00000001')
-        values.append('"VersionMajor"=dword:%08x' % version[0])
-        values.append('"VersionMinor"=dword:%08x' % version[1])
+            values.append(dword("Version", packed_version(version)))
+            values.append(dword("WindowsInstaller", 1))
+        values.append(dword("VersionMajor", version[0]))
+        values.append(dword("VersionMinor", version[1]))
         if name is None or gen.rng.random() < 0.05:
-            values.append('"SystemComponent"=dword:00000001')
+            values.append(dword("SystemComponent", 1))
         entries[key] = (values, name)
     return [(key, *entries[key]) for key in sorted(entries, key=str.upper)]
 
 
 def generate(args):
+    """(tree, machine.json): the SOFTWARE hive's keys (synthetic_registry's form) and the
+    machine's other facts."""
     gen = Generator(args.seed)
     hotfixes = [gen.kb() for _ in range(args.hotfixes)]
-    blocks = []
-
-    def key(path, values=()):
-        blocks.append("[HKEY_LOCAL_MACHINE\\SOFTWARE\\" + path + "]\r\n" +
-                      "".join(v + "\r\n" for v in values))
+    tree = {}
 
     wide = uninstall_entries(gen, args.apps, hotfixes, [])
     wide_names = [name for _, _, name in wide if name]
     narrow = uninstall_entries(gen, args.apps, hotfixes, wide_names)
     names = wide_names + [name for _, _, name in narrow if name]
 
-    products = {}
     for _ in range(args.products):
         if names and gen.rng.random() < 0.3:
             name, version = gen.rng.choice(names), gen.version()
         else:
             name, _, version = gen.product()
-        products[packed_guid(gen.guid())] = [
-            '"ProductName"=' + reg_string(name),
-            '"Version"=dword:%08x' % packed_version(version),
-            '"Language"=dword:00000409', '"AdvertiseFlags"=dword:00000184']
-    for packed in sorted(products):
-        key("Classes\\Installer\\Products\\" + packed, products[packed])
+        tree["Classes\\Installer\\Products\\" + packed_guid(gen.guid())] = [
+            sz("ProductName", name), dword("Version", packed_version(version)),
+            dword("Language", 0x409), dword("AdvertiseFlags", 0x184)]
     for name, values, _ in wide:
-        key("Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + name, values)
-    key("Microsoft\\Windows NT\\CurrentVersion",
-        ['"CurrentVersion"="6.1"', '"CurrentBuildNumber"="7601"',
-         '"CSDVersion"="Service Pack 1"', '"ProductName"="Windows 7 Professional"',
-         '"EditionID"="Professional"'])
-    for number in sorted(hotfixes):
-        key("Microsoft\\Windows NT\\CurrentVersion\\HotFix\\KB" + number,
-            ['"Installed"=dword:00000001',
-             '"Fix Description"="Update for Windows 7 (KB%s)"' % number])
+        tree["Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + name] = values
+    tree["Microsoft\\Windows NT\\CurrentVersion"] = [
+        sz("CurrentVersion", "6.1"), sz("CurrentBuildNumber", "7601"),
+        sz("CSDVersion", "Service Pack 1"), sz("ProductName", "Windows 7 Professional"),
+        sz("EditionID", "Professional")]
+    for number in hotfixes:
+        tree["Microsoft\\Windows NT\\CurrentVersion\\HotFix\\KB" + number] = [
+            dword("Installed", 1), sz("Fix Description", "Update for Windows 7 (KB%s)" % number)]
     for name, values, _ in narrow:
-        key("Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + name, values)
+        tree["Wow6432Node\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\" + name] = values
+    return tree, machine_json(hotfixes[:5])
 
-    registry = "Windows Registry Editor Version 5.00\r\n\r\n" + "\r\n".join(blocks) + "\r\n"
-    return registry, machine_json(hotfixes[:5])
+
+def write_machine(out, tree, machine, form, hive="SOFTWARE"):
+    """machine.json and the registry `tree` of HKLM\\<hive>, as registry/<hive>.reg or
+    hives/<hive>."""
+    if form == "hive":
+        os.makedirs(os.path.join(out, "hives"), exist_ok=True)
+        write_hive(os.path.join(out, "hives", hive), tree)
+    else:
+        os.makedirs(os.path.join(out, "registry"), exist_ok=True)
+        write_reg(os.path.join(out, "registry", hive.lower() + ".reg"),
+                  "HKEY_LOCAL_MACHINE\\" + hive, tree)
+    with open(os.path.join(out, "machine.json"), "w", encoding="utf-8", newline="\n") as f:
+        json.dump(machine, f, indent=2)
+        f.write("\n")
 
 
 def machine_json(fixes):
@@ -216,20 +221,13 @@ def main():
     parser.add_argument("--products", type=int, default=2000, help="Installer\\Products entries")
     parser.add_argument("--hotfixes", type=int, default=1000, help="HotFix keys")
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--format", choices=["reg"], default="reg",
-                        help="registry as a regedit export (the only form written)")
+    parser.add_argument("--format", choices=["reg", "hive"], default="reg",
+                        help="registry as a regedit export or as a hive file")
     args = parser.parse_args()
     for name in ("apps", "products", "hotfixes"):
         if getattr(args, name) < 0:
             parser.error("--%s must not be negative" % name)
-
-    registry, machine = generate(args)
-    os.makedirs(os.path.join(args.out, "registry"), exist_ok=True)
-    with open(os.path.join(args.out, "registry", "software.reg"), "wb") as f:
-        f.write(b"\xff\xfe" + registry.encode("utf-16-le"))
-    with open(os.path.join(args.out, "machine.json"), "w", encoding="utf-8", newline="\n") as f:
-        json.dump(machine, f, indent=2)
-        f.write("\n")
+    write_machine(args.out, *generate(args), args.format)
 
 
 if __name__ == "__main__":
