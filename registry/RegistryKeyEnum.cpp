@@ -173,24 +173,34 @@ RegistryValueSet ReadKeyValues(const std::string& path) {
 }
 
 RegistryValueSet ReadSelectedValues(const std::string& path, const ValueNameTable& table) {
+  return SelectedValueReader(path).read(table);
+}
+
+SelectedValueReader::SelectedValueReader(const std::string& path) {
+  if (OpenRegistryKey(m_key, platform::HKEY_LOCAL_MACHINE, path) != 0) return;
+  DWORD count = 0, longestName = 0;
+  QueryKeyInfo(m_key, count, longestName, m_longestData);
+}
+
+SelectedValueReader::~SelectedValueReader() {
+  if (m_key != nullptr) CloseRegistryKey(m_key);
+}
+
+RegistryValueSet SelectedValueReader::read(const ValueNameTable& table) const {
   RegistryValueSet values;
-  HKEY key = nullptr;
-  if (OpenRegistryKey(key, platform::HKEY_LOCAL_MACHINE, path) != 0) return values;
-  DWORD count = 0, longestName = 0, longestData = 0;
-  QueryKeyInfo(key, count, longestName, longestData);
+  if (m_key == nullptr) return values;
   for (const auto& row : table) {
     std::string text;
-    if (ReadRegistryValue(key, row.second, text, longestData) == 0 && !text.empty()) {
+    if (ReadRegistryValue(m_key, row.second, text, m_longestData) == 0 && !text.empty()) {
       values.emplace(row.first, text);
       continue;
     }
     if (row.second != kDisplayVersion) continue;
     std::string major, minor;
-    ReadRegistryValue(key, kVersionMajor, major, longestData);
-    ReadRegistryValue(key, kVersionMinor, minor, longestData);
+    ReadRegistryValue(m_key, kVersionMajor, major, m_longestData);
+    ReadRegistryValue(m_key, kVersionMinor, minor, m_longestData);
     if (!major.empty()) values.emplace(row.first, major + "." + minor);
   }
-  CloseRegistryKey(key);
   return values;
 }
 

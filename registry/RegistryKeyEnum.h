@@ -43,6 +43,23 @@ RegistryValueSet ReadKeyValues(const std::string& path);
 // missing "DisplayVersion" is made from "VersionMajor" and "VersionMinor".
 RegistryValueSet ReadSelectedValues(const std::string& path, const ValueNameTable& table);
 
+// ReadSelectedValues for many tables of one key: the key is opened and its sizes asked once,
+// here, and it is closed when the reader goes. Each read answers as ReadSelectedValues
+// would while the key does not change.
+class SelectedValueReader {
+ public:
+  explicit SelectedValueReader(const std::string& path);
+  ~SelectedValueReader();
+  SelectedValueReader(const SelectedValueReader&) = delete;
+  SelectedValueReader& operator=(const SelectedValueReader&) = delete;
+
+  RegistryValueSet read(const ValueNameTable& table) const;
+
+ private:
+  platform::HKEY m_key = nullptr;  // null when the key cannot be opened
+  platform::DWORD m_longestData = 0;
+};
+
 // Registry data as text: strings up to their NUL, expandable strings expanded, DWORDs in
 // unsigned decimal, string lists joined with blanks; any other type gives "".
 std::string RegistryDataToString(const platform::BYTE* data, platform::DWORD type,

@@ -81,8 +81,9 @@ std::vector<InfListEntry> OSComponentInfo::getINFFileList(const std::string& inf
 }
 
 unsigned OSComponentInfo::getInstalledState(const std::string& componentId) {
-  const RegistryValueSet values =
-      ReadSelectedValues(kSubcomponentsPath, ValueNameTable{{componentId, componentId}});
+  const ValueNameTable table{{componentId, componentId}};
+  const RegistryValueSet values = m_subcomponents ? m_subcomponents->read(table)
+                                                  : ReadSelectedValues(kSubcomponentsPath, table);
   const auto found = values.find(componentId);
   if (found == values.end()) return 0;
   // Unsigned arithmetic: a recorded 4294967295 wraps to 0.
@@ -141,6 +142,7 @@ void OSComponentInfo::readComponents(const std::string& infPath, const InfListEn
       record[kPropName] = id;
       record[kPropDLLName] = entry.dllName;
       record[kPropINFName] = infPath;
+      if (!m_subcomponents) m_subcomponents.reset(new SelectedValueReader(kSubcomponentsPath));
       record[kPropComponentInstalled] = std::to_string(getInstalledState(id));
       record[kPropHidden] = entry.hidden;
       records.push_back(std::move(record));
@@ -171,11 +173,13 @@ void OSComponentInfo::addBackupProgram(std::vector<TextRecord>& records) {
 std::vector<TextRecord> OSComponentInfo::getInfo(const std::string& /*className*/) {
   std::vector<TextRecord> records;
   m_dllVersions.clear();
+  m_subcomponents.reset();
   const std::string windowsDirectory = Directory(&platform::System::GetSystemWindowsDirectoryA);
   // Without the Windows directory there is no INF directory: read as a missing sysoc.inf.
   const std::string infDirectory = windowsDirectory.empty() ? "" : windowsDirectory + "\\inf";
   for (const InfListEntry& entry : getINFFileList(infDirectory))
     readComponents(infDirectory + "\\" + entry.infName, entry, records);
+  m_subcomponents.reset();
   addBackupProgram(records);
   return records;
 }
@@ -189,7 +193,7 @@ std::uint64_t OSComponentInfo::getCIMInstances() {
       for (const auto& entry : record)
         getCIMValueForProperty(properties[entry.first], entry.first, entry.second);
       boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
-      buildInstance(instance, properties, className);
+      buildInstance(instance, std::move(properties), className);
       ++count;
     }
   } catch (const NKestovaTessil20::TTessilException& e) {

@@ -4,12 +4,14 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "collectors/components/inf_file_list.h"
 #include "common/get_info.h"
+#include "registry/RegistryKeyEnum.h"
 
 namespace installedapps_col {
 
@@ -38,6 +40,10 @@ class OSComponentInfo : public GetInfo {
   // Setup DLL name -> version: every component of a file, and a file listed again, names
   // the same DLL, whose search gives the same answer each time.
   std::map<std::string, std::string> m_dllVersions;
+  // Subcomponents, open while getInfo reads the components: one open and one size query
+  // per run instead of per component (a recorded key answers its sizes by walking every
+  // value, which made a long component list quadratic).
+  std::unique_ptr<SelectedValueReader> m_subcomponents;
 };
 
 }  // namespace installedapps_col

@@ -86,11 +86,59 @@ class SpySetup : public platform::Setup {
   std::string last_;
 };
 
+// Counts the registry calls that open, size and close keys; handles opened and not yet
+// closed stay in `open`.
+class SpyRegistry : public platform::Registry {
+ public:
+  explicit SpyRegistry(platform::Registry& inner) : inner_(inner) {}
+  std::vector<std::string> opened;  // the paths, in order
+  unsigned sizeQueries = 0;
+  std::set<platform::HKEY> open;
+
+  platform::LONG RegOpenKeyExA(platform::HKEY root, const char* path, platform::DWORD options,
+                               platform::REGSAM sam, platform::HKEY* result) override {
+    opened.push_back(path);
+    const platform::LONG status = inner_.RegOpenKeyExA(root, path, options, sam, result);
+    if (status == platform::ERROR_SUCCESS) open.insert(*result);
+    return status;
+  }
+  platform::LONG RegCloseKey(platform::HKEY key) override {
+    open.erase(key);
+    return inner_.RegCloseKey(key);
+  }
+  platform::LONG RegQueryInfoKeyA(platform::HKEY k, char* c, platform::DWORD* cl,
+                                  platform::DWORD* r, platform::DWORD* sk, platform::DWORD* msk,
+                                  platform::DWORD* mcl, platform::DWORD* v, platform::DWORD* mvn,
+                                  platform::DWORD* mvl, platform::DWORD* sd,
+                                  platform::FILETIME* t) override {
+    ++sizeQueries;
+    return inner_.RegQueryInfoKeyA(k, c, cl, r, sk, msk, mcl, v, mvn, mvl, sd, t);
+  }
+  platform::LONG RegEnumKeyExA(platform::HKEY k, platform::DWORD i, char* n, platform::DWORD* l,
+                               platform::DWORD* r, char* c, platform::DWORD* cl,
+                               platform::FILETIME* t) override {
+    return inner_.RegEnumKeyExA(k, i, n, l, r, c, cl, t);
+  }
+  platform::LONG RegEnumValueA(platform::HKEY k, platform::DWORD i, char* n, platform::DWORD* l,
+                               platform::DWORD* r, platform::DWORD* t, platform::BYTE* d,
+                               platform::DWORD* dl) override {
+    return inner_.RegEnumValueA(k, i, n, l, r, t, d, dl);
+  }
+  platform::LONG RegQueryValueExA(platform::HKEY k, const char* n, platform::DWORD* r,
+                                  platform::DWORD* t, platform::BYTE* d,
+                                  platform::DWORD* l) override {
+    return inner_.RegQueryValueExA(k, n, r, t, d, l);
+  }
+
+ private:
+  platform::Registry& inner_;
+};
+
 class SpyMachine : public platform::Machine {
  public:
   explicit SpyMachine(std::shared_ptr<platform::Machine> inner)
-      : inner_(std::move(inner)), spy(inner_->setup()) {}
-  platform::Registry& registry() override { return inner_->registry(); }
+      : inner_(std::move(inner)), spy(inner_->setup()), registrySpy(inner_->registry()) {}
+  platform::Registry& registry() override { return registrySpy; }
   platform::System& system() override { return inner_->system(); }
   platform::Pdh& pdh() override { return inner_->pdh(); }
   platform::NetApi& net() override { return inner_->net(); }
@@ -102,6 +150,7 @@ class SpyMachine : public platform::Machine {
 
  public:
   SpySetup spy;
+  SpyRegistry registrySpy;
 };
 
 // Installs a recorded machine behind a spy; answers the spy.

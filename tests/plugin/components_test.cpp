@@ -179,6 +179,53 @@ TEST_F(ComponentsTest, InstalledStateIsTheSubcomponentsValuePlusOne) {
   for (const Case& c : cases) EXPECT_EQ(collector().getInstalledState(c.id), c.state) << c.id;
 }
 
+// Each component's state is read from one opening of Subcomponents per run: a recorded key
+// answers its sizes by walking its values, so sizing it per component was quadratic.
+TEST_F(ComponentsTest, SubcomponentsIsOpenedOncePerRunAndClosed) {
+  const std::string key =
+      "SOFTWARE\\MICROSOFT\\WINDOWS\\CurrentVersion\\Setup\\Oc Manager\\Subcomponents";
+  struct Case {
+    const char* name;
+    int files, perFile;
+    bool withKey;
+    unsigned opens;  // of Subcomponents
+  } cases[] = {{"no components", 0, 0, true, 0},
+               {"one component", 1, 1, true, 1},
+               {"three files of forty", 3, 40, true, 1},
+               {"no Subcomponents key", 2, 5, false, 1}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string list = kInfHeader + "[Components]\n", values;
+    Files files;
+    for (int f = 0; f < c.files; ++f) {
+      std::string inf = kInfHeader + "[Optional Components]\n";
+      for (int i = 0; i < c.perFile; ++i) {
+        const std::string id = "c" + std::to_string(f) + "_" + std::to_string(i);
+        inf += id + "\n";
+        values += "\"" + id + "\"=dword:0000000" + std::to_string(i % 2) + "\n";
+      }
+      list += "F" + std::to_string(f) + "=oc.dll,E,f" + std::to_string(f) + ".inf\n";
+      files["files/C/W/inf/f" + std::to_string(f) + ".inf"] = inf;
+    }
+    files["files/C/W/inf/sysoc.inf"] = list;
+    files["machine.json"] = MachineJson("", "");
+    if (c.withKey) files["registry/software.reg"] = Subcomponents(values);
+    auto spied = InstallSpied(files);
+    const std::size_t earlier = host().GetInstances(kClass, false).size();
+    Lines found = instances({"Name", "ComponentInstalled"});
+    found.erase(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(earlier));
+    const auto& registry = spied->registrySpy;
+    EXPECT_EQ(std::count(registry.opened.begin(), registry.opened.end(), key), c.opens);
+    EXPECT_LE(registry.sizeQueries, 1u);
+    EXPECT_TRUE(registry.open.empty());
+    // The states are those of reading each id on its own.
+    for (const std::string& line : found) {
+      const std::string id = line.substr(0, line.find('|'));
+      EXPECT_EQ(line, id + "|" + std::to_string(collector().getInstalledState(id)) + "|");
+    }
+  }
+}
+
 TEST_F(ComponentsTest, SetupDllsAreLookedForInTheSetupFolderThenBehindRedirectionThenOnPath) {
   const std::string wow64 = R"("isWow64Process": true, "wow64FsRedirection": true)";
   struct Case {
