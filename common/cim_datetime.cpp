@@ -74,8 +74,11 @@ TCIMDateTime dateTimeFromText(const std::string& text, LogMessage& log) {
   TCIMDateTime result;
   if (text.empty()) return result;
   try {
-    std::vector<std::string> parts = split(text, "/");
-    if (parts.size() <= 1) parts = split(text, "-");
+    // Most dates are eight digits with no separator: neither split can find two parts.
+    const bool separated = text.find_first_of("/-") != std::string::npos;
+    std::vector<std::string> parts;
+    if (separated) parts = split(text, "/");
+    if (separated && parts.size() <= 1) parts = split(text, "-");
     if (parts.size() <= 1) {
       if (hasLetter(text)) return result;
       // An eight-digit date: midnight, UTC offset zero.

@@ -252,16 +252,18 @@ void TInstance::SetPropertyValue(const std::string& name, const TCIMValue& value
     slot = value;  // null: unsets the property
     return;
   }
-  const std::string mismatch = decl_->name + "." + decl.name + " is " + decl.type.ToString() +
-                               (decl.isArray ? "[]" : "") + ", the value " +
-                               value.GetType().ToString() + (value.IsArray() ? "[]" : "");
-  if (value.IsArray() && !decl.isArray) throw TTessilException(kStatusTypeMismatch, mismatch);
+  // Built only for the exception: this runs for every property of every instance.
+  const auto mismatch = [&] {
+    return TTessilException(kStatusTypeMismatch,
+                            decl_->name + "." + decl.name + " is " + decl.type.ToString() +
+                                (decl.isArray ? "[]" : "") + ", the value " +
+                                value.GetType().ToString() + (value.IsArray() ? "[]" : ""));
+  };
+  if (value.IsArray() && !decl.isArray) throw mismatch();
   if (!decl.isArray) {
     TCIMValue converted;
-    if (!ConvertScalar(value, decl, host_->schema, converted)) {
-      throw TTessilException(kStatusTypeMismatch, mismatch);
-    }
-    slot = converted;
+    if (!ConvertScalar(value, decl, host_->schema, converted)) throw mismatch();
+    slot = std::move(converted);
     return;
   }
   // A scalar given to an array property is its one element: the instance fix-up sets ""
@@ -271,9 +273,7 @@ void TInstance::SetPropertyValue(const std::string& name, const TCIMValue& value
   std::vector<TCIMValue> elements;
   for (const TCIMValue& element : given) {
     TCIMValue converted;
-    if (!ConvertScalar(element, decl, host_->schema, converted)) {
-      throw TTessilException(kStatusTypeMismatch, mismatch);
-    }
+    if (!ConvertScalar(element, decl, host_->schema, converted)) throw mismatch();
     elements.push_back(converted);
   }
   slot = TCIMValue(decl.type, static_cast<unsigned int>(elements.size()), elements);

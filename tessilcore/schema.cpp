@@ -204,6 +204,11 @@ const TPropertyDeclaration* TClassDeclaration::Find(const std::string& property)
 }
 
 int TClassDeclaration::IndexOf(const std::string& property) const {
+  // Callers mostly spell the name as declared; no two properties differ only in case, so
+  // an exact match is the one the case-blind search would find.
+  for (std::size_t i = 0; i < properties.size(); ++i) {
+    if (properties[i].name == property) return static_cast<int>(i);
+  }
   for (std::size_t i = 0; i < properties.size(); ++i) {
     if (path::EqualNoCase(properties[i].name, property)) return static_cast<int>(i);
   }

@@ -1,5 +1,7 @@
 #include "collectors/accounts/environment_variable_info.h"
 
+#include <utility>
+
 #include "common/constants.h"
 #include "registry/RegistryKeyEnum.h"
 
@@ -35,9 +37,9 @@ std::vector<PropertyMap> EnvironmentVariableInfo::getVariables(const std::string
 std::uint64_t EnvironmentVariableInfo::getCIMInstances() {
   const std::string className = getClass()->GetName();
   std::uint64_t count = 0;
-  for (const PropertyMap& properties : getVariables(className)) {
+  for (PropertyMap& properties : getVariables(className)) {
     boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
-    buildInstance(instance, properties, className);
+    buildInstance(instance, std::move(properties), className);
     ++count;
   }
   return count;

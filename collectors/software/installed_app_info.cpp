@@ -77,9 +77,7 @@ bool InstalledAppInfo::isHotFixName(const std::string& productName) const {
 bool InstalledAppInfo::isNewName(const TextRecord& record) {
   const auto name = record.find(kPropProductName);
   if (name == record.end() || name->second.empty()) return false;
-  if (!m_seenIndex.insert(name->second).second) return false;
-  m_seenProductNames.push_back(name->second);
-  return true;
+  return m_seenNames.insert(name->second).second;
 }
 
 bool InstalledAppInfo::isApplication(const TextRecord& record) {
@@ -105,6 +103,7 @@ void InstalledAppInfo::getInfo(std::vector<TextRecord>& records, const std::stri
       m_log->logInfo(kAppsNoSubKeys);
       continue;
     }
+    m_seenNames.reserve(m_seenNames.size() + subKeys.size());
     std::vector<TextRecord> found;
     found.reserve(subKeys.size());
     for (const std::string& subKey : subKeys)

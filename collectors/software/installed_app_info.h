@@ -36,8 +36,7 @@ class InstalledAppInfo : public GetInfo {
   bool isApplication(const TextRecord& record);
   bool isFix(const TextRecord& record);
 
-  std::vector<std::string> m_seenProductNames;
-  std::unordered_set<std::string> m_seenIndex;  // the same names, for lookups
+  std::unordered_set<std::string> m_seenNames;
   std::vector<std::string> m_hotFixKeyNames;
   std::unique_ptr<HotFixNameMatcher> m_hotFixMatcher;
 };

@@ -1,5 +1,7 @@
 #include "collectors/software/product_instances.h"
 
+#include <utility>
+
 #include "common/constants.h"
 
 namespace installedapps_col {
@@ -17,7 +19,7 @@ std::uint64_t BuildProductInstances(GetInfo& collector, const std::vector<TextRe
     properties.emplace(kPropSystemID, systemId);
     properties.emplace(kPropCollectionID, collectionId);
     boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
-    collector.buildInstance(instance, properties, className);
+    collector.buildInstance(instance, std::move(properties), className);
     ++count;
   }
   return count;
