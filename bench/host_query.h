@@ -1,11 +1,12 @@
-// Times whole queries of one class through the host, the way iac runs them: the machine
-// installed, the plug-in registered, one top-level run per iteration.
+// Times whole queries through the host, the way iac runs them: the machine installed, the
+// plug-in registered, one top-level run per iteration.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/machine.h"
 #include "plugin/callbacks.h"
@@ -13,20 +14,31 @@
 
 namespace bench {
 
-// Reports the instances of the last run as the "instances" counter.
+// Queries `classNames` (none: every class the plug-in serves, as `iac collect` does) and
+// reports the instances of the last run as the "instances" counter.
 inline void TimeHostQuery(benchmark::State& state, std::shared_ptr<platform::Machine> machine,
-                          const std::string& className) {
+                          std::vector<std::string> classNames) {
   platform::Machine::Install(std::move(machine));
   NKestovaTessil20::THost& host = NKestovaTessil20::THost::Instance();
   host.LoadSchema();
   new installedapps_col::TInstalledAppsCallbacks();  // registers; the host owns it
+  host.InitPlugins();
+  if (classNames.empty()) classNames = host.GetPluginClassNames();
   for (auto _ : state) {
-    host.Query({className});
+    host.Query(classNames);
     host.ClearLog();
   }
-  state.counters["instances"] = static_cast<double>(host.GetInstances(className, false).size());
+  std::size_t instances = 0;
+  for (const std::string& name : classNames) instances += host.GetInstances(name, false).size();
+  state.counters["instances"] = static_cast<double>(instances);
+  host.DeInitPlugins();
   host.Reset();
   platform::Machine::Install(nullptr);
+}
+
+inline void TimeHostQuery(benchmark::State& state, std::shared_ptr<platform::Machine> machine,
+                          const std::string& className) {
+  TimeHostQuery(state, std::move(machine), std::vector<std::string>{className});
 }
 
 }  // namespace bench
