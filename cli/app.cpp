@@ -12,6 +12,7 @@
 #include "cli/reg_query.h"
 #include "cli/text.h"
 #include "platform/capture/capture.h"
+#include "platform/image/image_machine.h"
 #include "platform/machine.h"
 #include "platform/process.h"
 #include "platform/recorded/machine_system.h"
@@ -45,8 +46,27 @@ class UsageError : public std::runtime_error {
 
 struct MachineOptions {
   std::string directory;
+  std::string image;  // a mounted Windows volume or a disk image
+  std::string user;   // with an image: the profile that is HKEY_CURRENT_USER
   bool live = false;
 };
+
+// --machine DIR | --image PATH [--user NAME] | --live, on each command that reads a machine.
+void addMachineOptions(CLI::App* command, MachineOptions& options, const char* liveHelp) {
+  CLI::Option* machine =
+      command->add_option("--machine", options.directory, "A recorded machine's folder");
+  machine->check(CLI::ExistingDirectory);
+  CLI::Option* image = command->add_option(
+      "--image", options.image,
+      "A Windows volume: the folder it is mounted at, or a raw disk or partition image");
+  image->check(CLI::ExistingPath)->excludes(machine);
+  command
+      ->add_option("--user", options.user,
+                   "With --image: the profile whose hive is HKEY_CURRENT_USER (default: the "
+                   "one written last)")
+      ->needs(image);
+  if (liveHelp) command->add_flag("--live", options.live, liveHelp)->excludes(machine, image);
+}
 
 struct CollectOptions {
   MachineOptions machine;
@@ -62,6 +82,8 @@ struct CollectOptions {
 void installMachine(const MachineOptions& options) {
   if (!options.directory.empty()) {
     platform::Machine::Install(platform::recorded::RecordedMachine::Load(options.directory));
+  } else if (!options.image.empty()) {
+    platform::Machine::Install(platform::image::LoadImage(options.image, {options.user}));
   } else if (options.live) {
     if (!kLiveByDefault) throw UsageError("--live needs Windows; use --machine DIR");
   } else if (!kLiveByDefault) {
@@ -224,11 +246,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
 
   CollectOptions collectOptions;
   CLI::App* collectCommand = app.add_subcommand("collect", "Run one query and print the instances");
-  auto* machineOption = collectCommand->add_option("--machine", collectOptions.machine.directory,
-                                                   "A recorded machine's folder");
-  machineOption->check(CLI::ExistingDirectory);
-  collectCommand->add_flag("--live", collectOptions.machine.live, "Inventory this Windows machine")
-      ->excludes(machineOption);
+  addMachineOptions(collectCommand, collectOptions.machine, "Inventory this Windows machine");
   collectCommand->add_option("--class", collectOptions.classes,
                              "A class to collect (repeatable; default: every class served)");
   collectCommand->add_option("--format", collectOptions.format, "table, json, jsonl or mof")
@@ -252,8 +270,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
   regCommand->require_subcommand(1);
   CLI::App* queryCommand =
       regCommand->add_subcommand("query", "Print keys and values as Windows' reg query does");
-  queryCommand->add_option("--machine", regMachine.directory, "A recorded machine's folder")
-      ->check(CLI::ExistingDirectory);
+  addMachineOptions(queryCommand, regMachine, nullptr);
   queryCommand->add_option("key", regKey, "A key such as HKLM\\SOFTWARE\\Microsoft")->required();
   queryCommand->add_option("switches", regSwitches, "/s: every sub-key too");
   queryCommand->add_flag("-s,--recursive", regRecursive, "Every sub-key too");
@@ -268,11 +285,7 @@ int run(int argc, const char* const* argv, std::ostream& out, std::ostream& err)
       app.add_subcommand("capture", "Record a machine into a recorded machine's folder");
   captureCommand->add_option("--out", captureDirectory, "The folder to write (new or empty)")
       ->required();
-  auto* captureSource = captureCommand->add_option("--machine", captureMachine.directory,
-                                                   "A recorded machine's folder to read");
-  captureSource->check(CLI::ExistingDirectory);
-  captureCommand->add_flag("--live", captureMachine.live, "Record this Windows machine")
-      ->excludes(captureSource);
+  addMachineOptions(captureCommand, captureMachine, "Record this Windows machine");
 
   // CLI11 would only say that a subcommand is required.
   if (argc > 1 && argv[1][0] != '-' && app.get_subcommands({}).size() > 0) {
