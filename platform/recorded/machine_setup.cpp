@@ -1,5 +1,7 @@
 #include "platform/recorded/machine_setup.h"
 
+#include "platform/recorded/pe_version.h"
+
 #include <cstring>
 #include <stdexcept>
 
@@ -206,13 +208,20 @@ BOOL RecordedSetup::SetupGetLineTextA(INFCONTEXT* context, HINF handle, const ch
 const std::vector<BYTE>* RecordedSetup::block(const char* fileName) {
   const std::string path = state_.redirect(fileName ? fileName : "");
   const std::string key = FileSource::Key(path);
+  auto built = blocks_.find(key);
+  if (built != blocks_.end()) return &built->second;
   auto it = facts_.versions.find(key);
   if (it == facts_.versions.end() || !it->second) {
-    const bool exists = it != facts_.versions.end() || state_.files.find(path);
-    state_.fail(exists ? ERROR_RESOURCE_TYPE_NOT_FOUND : ERROR_FILE_NOT_FOUND);
+    // A file of the machine itself (a PE file on a volume) carries its own resource.
+    const std::string* file = it == facts_.versions.end() ? state_.files.find(path) : nullptr;
+    if (file) {
+      if (auto found = VersionBlockFromPe(*file))
+        return &blocks_.emplace(key, *found).first->second;
+    }
+    state_.fail(it != facts_.versions.end() || file ? ERROR_RESOURCE_TYPE_NOT_FOUND
+                                                    : ERROR_FILE_NOT_FOUND);
     return nullptr;
   }
-  auto built = blocks_.find(key);
   if (built == blocks_.end()) built = blocks_.emplace(key, BuildVersionBlock(*it->second)).first;
   return &built->second;
 }
