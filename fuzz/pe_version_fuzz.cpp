@@ -13,8 +13,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!block) return 0;
   if (block->size() > platform::recorded::kMaxVersionBlock) fuzz::Finding("block over 64 KiB");
   platform::recorded::VersionValue value;
-  for (const char* path : {"\\", "\\VarFileInfo\\Translation",
-                           "\\StringFileInfo\\040904b0\\FileVersion"}) {
+  for (const char* path :
+       {"\\", "\\VarFileInfo\\Translation", "\\StringFileInfo\\040904b0\\FileVersion"}) {
     if (platform::recorded::FindVersionValue(block->data(), block->size(), path, &value) &&
         value.offset + value.length > block->size() && !value.isText)
       fuzz::Finding(std::string("value past the block at ") + path);
