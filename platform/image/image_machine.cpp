@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <map>
 #include <optional>
@@ -302,6 +303,109 @@ std::optional<std::string> OnVolume(const std::string& windowsPath, char drive) 
   return rest;
 }
 
+Mount MountOf(const std::string& name) {
+  if (name == "hives/SOFTWARE") return Mount::Software;
+  if (name == "hives/SYSTEM") return Mount::System;
+  if (name == "hives/SAM") return Mount::Sam;
+  if (name == "hives/NTUSER.DAT") return Mount::NtUser;
+  return Mount::Bcd;
+}
+
+// When a hive was last written, as its header keeps it (a FILETIME); 0 when unknown.
+std::uint64_t HeaderTime(const std::string& hive) {
+  std::uint64_t time = 0;
+  if (hive.size() < 0x14) return 0;
+  for (int b = 7; b >= 0; --b) time = (time << 8) | static_cast<unsigned char>(hive[0x0C + b]);
+  return time;
+}
+
+// FILETIME (100 ns since 1601) -> seconds since 1970; 0 for "never" and for times before.
+std::uint32_t UnixTime(std::uint64_t filetime) {
+  constexpr std::uint64_t k1970 = 116444736000000000ull;
+  if (filetime <= k1970 || filetime >= 0x7FFFFFFFFFFFFFFFull) return 0;
+  return static_cast<std::uint32_t>(
+      std::min<std::uint64_t>((filetime - k1970) / 10000000, 0xFFFFFFFFu));
+}
+
+std::uint32_t Get16(const std::vector<BYTE>& d, size_t at) {
+  return static_cast<std::uint32_t>(d[at] | (d[at + 1] << 8));
+}
+std::uint32_t Get32(const std::vector<BYTE>& d, size_t at) {
+  return Get16(d, at) | (Get16(d, at + 2) << 16);
+}
+std::uint64_t Get64(const std::vector<BYTE>& d, size_t at) {
+  return Get32(d, at) | (static_cast<std::uint64_t>(Get32(d, at + 4)) << 32);
+}
+
+// The local accounts NetUserEnum answers, from SAM\Domains\Account\Users: each account's
+// F record (times, RID, control bits, counts) and V record (its texts, found through a
+// table of offset and length pairs at its start). `now` (when the database was last
+// written) stands in for the clock in password ages.
+nlohmann::json Accounts(const recorded::RegistryTree& tree, std::uint64_t now) {
+  // SAM's account-control bits and the UF_* bits NetUserEnum reports for them.
+  static const std::pair<std::uint32_t, std::uint32_t> kControl[] = {
+      {0x0001, 0x0002},  {0x0002, 0x0008},   {0x0004, 0x0020},  {0x0008, 0x0100},
+      {0x0010, 0x0200},  {0x0040, 0x0800},   {0x0080, 0x1000},  {0x0100, 0x2000},
+      {0x0200, 0x10000}, {0x0400, 0x0010},   {0x0800, 0x0080},  {0x1000, 0x40000},
+      {0x2000, 0x80000}, {0x4000, 0x100000}, {0x8000, 0x200000}};
+  nlohmann::json records = nlohmann::json::array();
+  const RegKey* users = tree.find(u"HKLM\\SAM\\SAM\\Domains\\Account\\Users");
+  for (size_t i = 0; users && i < users->subKeyCount(); ++i) {
+    const RegKey& user = users->subKey(i);
+    const RegValue* f = user.findValue(u"F");
+    const RegValue* v = user.findValue(u"V");
+    if (!f || !v || f->data.size() < 0x44 || v->data.size() < 0xCC) continue;
+    // Text n of V: UTF-16 at 0xCC + its offset; empty when it lies outside the record.
+    auto text = [v](size_t n) {
+      const size_t offset = 0xCC + static_cast<size_t>(Get32(v->data, n * 12));
+      const size_t length = Get32(v->data, n * 12 + 4);
+      if (offset > v->data.size() || length > v->data.size() - offset) return std::string();
+      return WideToUtf8(recorded::Utf16FromBytes(v->data.data() + offset, length));
+    };
+    const std::string name = text(1);
+    if (name.empty()) continue;
+    const std::uint32_t control = Get16(f->data, 0x38);
+    std::uint32_t flags = 0x0001;  // UF_SCRIPT, which NetUserEnum always reports
+    for (const auto& [bit, uf] : kControl) {
+      if (control & bit) flags |= uf;
+    }
+    char hexFlags[16];
+    std::snprintf(hexFlags, sizeof hexFlags, "0x%x", flags);
+    const std::uint32_t rid = Get32(f->data, 0x30);
+    const std::uint64_t passwordSet = Get64(f->data, 0x18);
+    const std::uint64_t expires = Get64(f->data, 0x20);
+    const std::uint64_t age =
+        now > passwordSet && passwordSet != 0 ? (now - passwordSet) / 10000000 : 0;
+    records.push_back(
+        {{"name", name},
+         {"fullName", text(2)},
+         {"comment", text(3)},
+         {"usrComment", text(4)},
+         {"homeDir", text(6)},
+         {"homeDirDrive", text(7)},
+         {"scriptPath", text(8)},
+         {"profile", text(9)},
+         {"workstations", text(10)},
+         {"flags", hexFlags},
+         // The built-in administrator and guest by their RIDs; membership of
+         // the Administrators alias is not read.
+         {"priv", rid == 500   ? 2
+                  : rid == 501 ? 0
+                               : 1},
+         {"userId", rid},
+         {"primaryGroupId", Get32(f->data, 0x34)},
+         {"lastLogon", UnixTime(Get64(f->data, 0x08))},
+         {"passwordAge", std::min<std::uint64_t>(age, 0xFFFFFFFFu)},
+         {"acctExpires",
+          expires == 0 || expires >= 0x7FFFFFFFFFFFFFFFull ? 0xFFFFFFFFu : UnixTime(expires)},
+         {"countryCode", Get16(f->data, 0x3C)},
+         {"codePage", Get16(f->data, 0x3E)},
+         {"badPwCount", Get16(f->data, 0x40)},
+         {"numLogons", Get16(f->data, 0x42)}});
+  }
+  return records;
+}
+
 struct Profile {
   std::string name;        // the profile folder's name
   std::string path;        // Windows path of the profile folder
@@ -325,10 +429,7 @@ std::vector<Profile> Profiles(const Hives& hives, Volume& volume, char drive,
     if (!volume.fileSize(hive)) continue;
     Profile profile{path.substr(path.find_last_of("\\/") + 1), path, hive, 0};
     // The hive's header keeps when it was last written.
-    if (auto header = volume.readFile(hive, kMaxHiveBytes); header && header->size() >= 0x14) {
-      for (int b = 7; b >= 0; --b)
-        profile.written = (profile.written << 8) | static_cast<unsigned char>((*header)[0x0C + b]);
-    }
+    if (auto header = volume.readFile(hive, kMaxHiveBytes)) profile.written = HeaderTime(*header);
     profiles.push_back(std::move(profile));
   }
   return profiles;
@@ -362,14 +463,24 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
     }
   }
 
+  // The accounts' database, when the volume has one (small: read as bytes, for its time).
+  std::uint64_t samWritten = 0;
+  if (auto sam = ReadHive(windows, "Windows\\System32\\config\\SAM", "hives/SAM")) {
+    if (!sam->bytes) {
+      auto bytes = windows.readFile("Windows\\System32\\config\\SAM", kMaxHiveBytes);
+      if (bytes) {
+        sam->bytes = std::make_shared<const std::string>(std::move(*bytes));
+        sam->local.clear();
+      }
+    }
+    if (sam->bytes) samWritten = HeaderTime(*sam->bytes);
+    hives.push_back(std::move(*sam));
+  }
+
   // The facts come from a registry of their own over the same hives.
   RecordedRegistry registry;
-  for (const ImageHive& hive : hives) {
-    registry.loadHive(hive.open(), hive.label,
-                      hive.name == "hives/SOFTWARE" ? Mount::Software
-                      : hive.name == "hives/SYSTEM" ? Mount::System
-                                                    : Mount::Bcd);
-  }
+  for (const ImageHive& hive : hives)
+    registry.loadHive(hive.open(), hive.label, MountOf(hive.name));
   Hives keys(registry);
   const RegKey* version = keys.software("Microsoft\\Windows NT\\CurrentVersion");
   std::string systemRoot = Utf8(Text(version, "SystemRoot"));
@@ -547,6 +658,8 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
   const nlohmann::json zone = TimeZone(keys);
   if (!zone.is_null()) system["timeZone"] = zone;
 
+  const nlohmann::json accounts = Accounts(registry.tree(), samWritten);
+  if (!accounts.empty()) net["users"] = {{"records", accounts}};
   nlohmann::json facts = {{"description", "derived from the Windows volume " + where},
                           {"system", system}};
   if (!net.empty()) facts["net"] = net;

@@ -11,8 +11,8 @@
 namespace platform::recorded {
 
 // Where a hive file goes: SOFTWARE -> HKLM\SOFTWARE, SYSTEM -> HKLM\SYSTEM,
-// NTUSER.DAT -> HKEY_CURRENT_USER, BCD -> HKLM\BCD00000000.
-enum class Mount { Software, System, NtUser, Bcd };
+// NTUSER.DAT -> HKEY_CURRENT_USER, BCD -> HKLM\BCD00000000, SAM -> HKLM\SAM.
+enum class Mount { Software, System, NtUser, Bcd, Sam };
 
 // The key path a mount fills, e.g. u"HKEY_LOCAL_MACHINE\\SOFTWARE".
 KPLATFORM_API std::u16string MountPath(Mount where);

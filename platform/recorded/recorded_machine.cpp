@@ -68,6 +68,7 @@ std::optional<Mount> HiveMount(const std::string& name) {
   if (n == "system") return Mount::System;
   if (n == "ntuser.dat") return Mount::NtUser;
   if (n == "bcd") return Mount::Bcd;
+  if (n == "sam") return Mount::Sam;
   return std::nullopt;
 }
 
@@ -174,7 +175,7 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Build(const Source& source) {
     const auto mount = HiveMount(name.substr(6));
     if (!mount)
       throw RecordError(name +
-                        ": not a hive this machine mounts (SOFTWARE, SYSTEM, NTUSER.DAT, BCD)");
+                        ": not a hive this machine mounts (SOFTWARE, SYSTEM, NTUSER.DAT, BCD, SAM)");
     if (source.openHive) {
       parts->registry.loadHive(source.openHive(name), name, *mount);
     } else if (source.diskPath) {

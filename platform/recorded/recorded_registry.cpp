@@ -92,6 +92,8 @@ std::u16string MountPath(Mount where) {
       return u"HKEY_CURRENT_USER";
     case Mount::Bcd:
       return u"HKEY_LOCAL_MACHINE\\BCD00000000";
+    case Mount::Sam:
+      return u"HKEY_LOCAL_MACHINE\\SAM";
   }
   return u"HKEY_LOCAL_MACHINE";
 }

@@ -5,6 +5,8 @@
 
 #include <unistd.h>
 
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -13,6 +15,7 @@
 #include "iac_run.h"
 #include "platform/image/image_machine.h"
 #include "platform/machine.h"
+#include "platform/netapi.h"
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_machine.h"
 
@@ -55,6 +58,42 @@ std::vector<std::string> Exports(const std::string& machine) {
   for (const auto& entry : fs::directory_iterator(machine + "/registry"))
     exports.push_back(entry.path().string());
   return exports;
+}
+
+// An account's F and V records of the SAM hive, as regedit exports binary values.
+std::string Hex(const std::string& bytes) {
+  std::string out;
+  char digits[4];
+  for (unsigned char c : bytes) {
+    std::snprintf(digits, sizeof digits, "%02x", c);
+    out += (out.empty() ? "" : ",") + std::string(digits);
+  }
+  return out;
+}
+void Put(std::string& b, size_t at, std::uint64_t v, size_t width) {
+  if (b.size() < at + width) b.resize(at + width, '\0');
+  for (size_t i = 0; i < width; ++i) b[at + i] = static_cast<char>(v >> (8 * i));
+}
+std::string SamAccount(std::uint32_t rid, std::uint32_t control, const std::u16string& name,
+                       const std::u16string& fullName, std::uint32_t logons) {
+  std::string f(0x50, '\0');
+  Put(f, 0x08, 129000000000000000ull, 8);  // last logon, 2009-10-14
+  Put(f, 0x18, 128900000000000000ull, 8);  // password set, 116 days before
+  Put(f, 0x30, rid, 4);
+  Put(f, 0x34, 513, 4);
+  Put(f, 0x38, control, 2);
+  Put(f, 0x3C, 48, 2);
+  Put(f, 0x42, logons, 2);
+  std::string v(0xCC, '\0'), texts;
+  for (const auto& [slot, text] : {std::pair<size_t, std::u16string>{1, name}, {2, fullName}}) {
+    Put(v, slot * 12, texts.size(), 4);
+    Put(v, slot * 12 + 4, text.size() * 2, 4);
+    for (char16_t c : text) texts += {static_cast<char>(c & 0xFF), static_cast<char>(c >> 8)};
+  }
+  char key[96];
+  std::snprintf(key, sizeof key, "[HKEY_LOCAL_MACHINE\\SAM\\SAM\\Domains\\Account\\Users\\%08X]\n",
+                rid);
+  return key + ("\"F\"=hex:" + Hex(f) + "\n\"V\"=hex:" + Hex(v + texts) + "\n");
 }
 
 }  // namespace
@@ -145,6 +184,11 @@ TEST(Image, FactsComeFromTheHives) {
   ASSERT_TRUE(volume.hive("HKEY_CURRENT_USER", "Users/anna/NTUSER.DAT", {reg}));
   ASSERT_TRUE(volume.hive("HKEY_CURRENT_USER", "Users/Ben/ntuser.dat", {}));
   volume.file("pagefile.sys", std::string(3 * 4096 + 100, '\0'));
+  const std::string sam = (volume.root / "sam.reg").string();
+  std::ofstream(sam) << "Windows Registry Editor Version 5.00\n\n"
+                     << SamAccount(500, 0x0211, u"Administrator", u"", 3)
+                     << SamAccount(1001, 0x0010, u"anna", u"Anna Horv\u00e1t", 211);
+  ASSERT_TRUE(volume.hive("HKEY_LOCAL_MACHINE\\SAM", "Windows/System32/config/SAM", {sam}));
 
   for (const char* user : {"anna", "BEN"}) {
     SCOPED_TRACE(user);
@@ -182,6 +226,29 @@ TEST(Image, FactsComeFromTheHives) {
     EXPECT_GT(s.GetSystemWindowsDirectoryA(text, size), 0u);
     EXPECT_STREQ(text, "D:\\WINDOWS");
   }
+  // The accounts of the SAM hive, as NetUserEnum hands them out.
+  {
+    auto machine = platform::image::LoadImage(volume.root.string());
+    platform::BYTE* buffer = nullptr;
+    platform::DWORD read = 0, total = 0, resume = 0;
+    ASSERT_EQ(
+        machine->net().NetUserEnum(nullptr, 3, 0, &buffer, 0xFFFFFFFF, &read, &total, &resume), 0u);
+    ASSERT_EQ(read, 2u);
+    const auto* users = reinterpret_cast<const platform::USER_INFO_3*>(buffer);
+    auto text = [](const platform::WCHAR* w) {
+      return std::u16string(reinterpret_cast<const char16_t*>(w));
+    };
+    EXPECT_EQ(text(users[0].usri3_name), u"Administrator");
+    EXPECT_EQ(users[0].usri3_flags, 0x10203u);  // script, disabled, normal, no expiry
+    EXPECT_EQ(users[0].usri3_priv, 2u);
+    EXPECT_EQ(text(users[1].usri3_full_name), u"Anna Horv\u00e1t");
+    EXPECT_EQ(users[1].usri3_user_id, 1001u);
+    EXPECT_EQ(users[1].usri3_num_logons, 211u);
+    EXPECT_EQ(users[1].usri3_country_code, 48u);
+    EXPECT_EQ(users[1].usri3_last_logon, 1255526400u);
+    EXPECT_EQ(machine->net().NetApiBufferFree(buffer), 0u);
+  }
+
   // The page file of the system drive ("?:") is sized by its file; E: is on no volume here.
   platform::Machine::Install(platform::image::LoadImage(volume.root.string(), {"anna"}));
   const IacOutput pageFiles = RunIac("collect --image '" + volume.root.string() +
