@@ -116,6 +116,36 @@ TEST(Image, VolumeOfAMachinesHivesReadsAsTheMachine) {
     EXPECT_EQ(fromImage.status, 0) << fromImage.err;
     EXPECT_TRUE(fromImage.out == RunIac("reg query " + folder + " '" + key + "' /s").out);
   }
+#ifdef IA_NTFS_TREE
+  // The same volume as an NTFS disk image (mkntfs, then the folders and files put in
+  // without mounting) inventories as the folder does, every class.
+  const fs::path disk = volume.root.string() + ".ntfs";
+  fs::resize_file((std::ofstream(disk), disk), 16 << 20);
+  std::string make = "mkntfs -F -Q -q '" + disk.string() +
+                     "' >/dev/null 2>&1 && " IA_NTFS_TREE " '" + disk.string() + "'";
+  std::vector<std::pair<fs::path, std::string>> files;
+  for (auto it = fs::recursive_directory_iterator(volume.root);
+       it != fs::recursive_directory_iterator(); ++it) {
+    const std::string relative = fs::relative(it->path(), volume.root).generic_string();
+    if (it->is_directory())
+      make += " d '" + relative + "'";
+    else
+      files.emplace_back(it->path(), relative);
+  }
+  for (const auto& [local, relative] : files)
+    make += " && ntfscp -f -q '" + disk.string() + "' '" + local.string() + "' '/" + relative +
+            "' >/dev/null";
+  if (std::system(("PATH=$PATH:/usr/sbin:/sbin; " + make).c_str()) == 0) {
+    const IacOutput fromDisk =
+        RunIac("collect --image '" + disk.string() + "' --format json --log-level 4");
+    EXPECT_EQ(fromDisk.status, 0) << fromDisk.err;
+    EXPECT_TRUE(fromDisk.out == RunIac("collect " + image + " --format json --log-level 4").out);
+    EXPECT_NE(fromDisk.out.find("KestovaSG_InstalledApplication"), std::string::npos);
+  } else {
+    ADD_FAILURE() << "could not make the NTFS image: " << make;
+  }
+  fs::remove(disk);
+#endif
   for (const char* name : {"KestovaSG_SystemEnvironmentVariable", "KestovaSG_OSSubComponent"}) {
     SCOPED_TRACE(name);
     const std::string query = std::string(" --class ") + name + " --format jsonl";
