@@ -146,6 +146,14 @@ TEST(Image, VolumeOfAMachinesHivesReadsAsTheMachine) {
   }
   fs::remove(disk);
 #endif
+  // Recorded as a folder (iac capture --image), the machine inventories as the image does.
+  const fs::path recording = volume.root.string() + ".capture";
+  const IacOutput capture = RunIac("capture " + image + " --out '" + recording.string() + "'");
+  ASSERT_EQ(capture.status, 0) << capture.err;
+  EXPECT_TRUE(
+      RunIac("collect --machine '" + recording.string() + "' --format json --log-level 4").out ==
+      RunIac("collect " + image + " --format json --log-level 4").out);
+  fs::remove_all(recording);
   for (const char* name : {"KestovaSG_SystemEnvironmentVariable", "KestovaSG_OSSubComponent"}) {
     SCOPED_TRACE(name);
     const std::string query = std::string(" --class ") + name + " --format jsonl";
