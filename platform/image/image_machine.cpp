@@ -684,7 +684,11 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
       return std::nullopt;
     return volume->readFile(key.substr(2), kMaxFileBytes);
   };
-  return RecordedMachine::FromSource(source);
+  std::shared_ptr<RecordedMachine> machine = RecordedMachine::FromSource(source);
+  // What deriving the facts found damaged is the machine's to report.
+  for (std::string& damage : registry.tree().damage())
+    machine->recordedRegistry().reportDamage(std::move(damage));
+  return machine;
 }
 
 }  // namespace platform::image

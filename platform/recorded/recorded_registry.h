@@ -41,6 +41,9 @@ class KPLATFORM_API RecordedRegistry : public Registry {
 
   // The keys as recorded (no views, no CurrentControlSet link), for walking and tests.
   const RegistryTree& tree() const { return tree_; }
+  // Damage found elsewhere in the same files (another reader of them), reported with this
+  // registry's own.
+  void reportDamage(std::string what) { tree_.reportDamage(std::move(what)); }
 
   // Number of handles open now (predefined keys excluded); for leak checks.
   size_t openHandleCount() const;

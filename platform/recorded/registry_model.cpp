@@ -289,6 +289,8 @@ void RegistryTree::addSource(std::unique_ptr<KeySource> source) {
 
 void RegistryTree::reportDamage(std::string what) {
   std::lock_guard<std::mutex> lock(damageMutex_);
+  // Two readers of one file (an image's facts and its machine) find the same damage.
+  if (std::find(damage_.begin(), damage_.end(), what) != damage_.end()) return;
   if (damage_.size() < 100) {
     damage_.push_back(std::move(what));
   } else {

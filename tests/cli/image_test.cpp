@@ -300,3 +300,36 @@ TEST(Image, FactsComeFromTheHives) {
   EXPECT_NE(unknown.err.find("no profile named carl (profiles: anna, ben)"), std::string::npos)
       << unknown.err;
 }
+
+// Real SYSTEM hives: the facts come from where the machine keeps them, and a damaged hive
+// is read up to its damage, which is reported, never a refusal of the image or a crash.
+TEST(Image, RealSystemHives) {
+  const std::string hives = IA_REALDATA_DIR "/hives/";
+  if (!fs::exists(hives + "win7-SYSTEM")) GTEST_SKIP() << "no real data";
+  const struct {
+    const char* system;
+    const char* computerName;  // as the hive's current control set holds it
+    bool damaged;
+  } cases[] = {{"win7-SYSTEM", "WKS-WIN732BITA", false},
+               {"win10-1709-SYSTEM", "DESKTOP-2KGM189", false},
+               {"corrupt-SYSTEM", nullptr, true}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.system);
+    Volume volume;
+    ASSERT_TRUE(
+        volume.hive("HKEY_LOCAL_MACHINE\\SOFTWARE", "Windows/System32/config/SOFTWARE", {}));
+    fs::copy_file(hives + c.system, volume.root / "Windows/System32/config/SYSTEM");
+    const IacOutput out = RunIac("collect --image '" + volume.root.string() +
+                                 "' --class KestovaSG_OperatingSystem --format jsonl");
+    EXPECT_EQ(out.status, 0) << out.err;
+    EXPECT_EQ(out.err.find("damaged hive") != std::string::npos, c.damaged) << out.err;
+    if (c.computerName) {
+      auto machine = platform::image::LoadImage(volume.root.string());
+      char name[64] = {};
+      platform::DWORD size = sizeof name;
+      ASSERT_TRUE(machine->system().GetComputerNameA(name, &size));
+      EXPECT_STREQ(name, c.computerName);
+      EXPECT_NE(machine->system().getenv("windir"), nullptr);
+    }
+  }
+}
