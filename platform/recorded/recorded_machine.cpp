@@ -174,8 +174,8 @@ std::shared_ptr<RecordedMachine> RecordedMachine::Build(const Source& source) {
     if (!StartsWith(name, "hives/")) continue;
     const auto mount = HiveMount(name.substr(6));
     if (!mount)
-      throw RecordError(name +
-                        ": not a hive this machine mounts (SOFTWARE, SYSTEM, NTUSER.DAT, BCD, SAM)");
+      throw RecordError(
+          name + ": not a hive this machine mounts (SOFTWARE, SYSTEM, NTUSER.DAT, BCD, SAM)");
     if (source.openHive) {
       parts->registry.loadHive(source.openHive(name), name, *mount);
     } else if (source.diskPath) {
