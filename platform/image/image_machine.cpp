@@ -406,6 +406,13 @@ nlohmann::json Accounts(const recorded::RegistryTree& tree, std::uint64_t now) {
   return records;
 }
 
+// A value an environment block can hold: a text under a name that is not empty and holds
+// no '=' (the default value of a damaged key, or a crafted name, is not a variable).
+bool IsVariable(const RegValue& value) {
+  return (value.type == REG_SZ || value.type == REG_EXPAND_SZ) && !value.name.empty() &&
+         value.name.find(u'=') == std::u16string::npos;
+}
+
 struct Profile {
   std::string name;        // the profile folder's name
   std::string path;        // Windows path of the profile folder
@@ -573,7 +580,7 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
   }
   for (size_t i = 0; environment && i < environment->valueCount(); ++i) {
     const RegValue& value = environment->value(i);
-    if (value.type != REG_SZ && value.type != REG_EXPAND_SZ) continue;
+    if (!IsVariable(value)) continue;
     std::u16string text = recorded::Utf16FromBytes(value.data.data(), value.data.size());
     env[WideToUtf8(value.name)] = WideToUtf8(text.substr(0, text.find(u'\0')));
   }
@@ -619,7 +626,7 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
     const RegKey* userEnvironment = keys.user("Environment");
     for (size_t i = 0; userEnvironment && i < userEnvironment->valueCount(); ++i) {
       const RegValue& value = userEnvironment->value(i);
-      if (value.type != REG_SZ && value.type != REG_EXPAND_SZ) continue;
+      if (!IsVariable(value)) continue;
       std::u16string text = recorded::Utf16FromBytes(value.data.data(), value.data.size());
       const std::string name = WideToUtf8(value.name);
       const std::string expanded = Expand(WideToUtf8(text.substr(0, text.find(u'\0'))), lower);

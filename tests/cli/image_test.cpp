@@ -199,6 +199,8 @@ TEST(Image, FactsComeFromTheHives) {
 "ACP"="1251"
 [HKEY_LOCAL_MACHINE\SYSTEM\ControlSet002\Control\Session Manager\Environment]
 "PROCESSOR_ARCHITECTURE"="AMD64"
+@="no variable: the key's default value"
+"A=B"="no variable: a name with '='"
 "Path"=hex(2):25,00,53,00,79,00,73,00,74,00,65,00,6d,00,52,00,6f,00,6f,00,74,00,25,00,\
   5c,00,73,00,79,00,73,00,74,00,65,00,6d,00,33,00,32,00,00,00
 [HKEY_LOCAL_MACHINE\SYSTEM\ControlSet002\Control\Session Manager\Memory Management]
@@ -255,6 +257,7 @@ TEST(Image, FactsComeFromTheHives) {
     EXPECT_EQ(std::u16string(reinterpret_cast<const char16_t*>(zone.DaylightName)),
               u"W. Europe Daylight Time");
     EXPECT_EQ(zone.StandardDate.wMonth, 10);
+    EXPECT_EQ(s.getenv("A=B"), nullptr);
     const char* path = s.getenv("PATH");
     ASSERT_NE(path, nullptr);
     // Only anna's hive adds to Path; the user's own hive is HKEY_CURRENT_USER.
