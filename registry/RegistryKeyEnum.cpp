@@ -1,5 +1,6 @@
 #include "registry/RegistryKeyEnum.h"
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -127,7 +128,12 @@ int QueryKeyInfo(HKEY key, DWORD& valueCount, DWORD& maxValueNameLength,
 }
 
 RegistryValueSet EnumerateValues(HKEY key) {
-  RegistryValueSet values;
+  const RegistryValueList list = EnumerateValueList(key);
+  return RegistryValueSet(list.begin(), list.end());  // in order: no search per entry
+}
+
+RegistryValueList EnumerateValueList(HKEY key) {
+  RegistryValueList values;
   if (key == nullptr) return values;
   DWORD count = 0, longestName = 0, longestData = 0;
   QueryKeyInfo(key, count, longestName, longestData);
@@ -144,11 +150,19 @@ RegistryValueSet EnumerateValues(HKEY key) {
                                                          &type, data.get(), &dataSize);
     if (status != platform::ERROR_SUCCESS || nameSize == 0 || name[0] == '\0') continue;
     if (dataSize > longestData) dataSize = longestData;
-    const std::string text = RegistryDataToString(data.get(), type, dataSize);
+    std::string text = RegistryDataToString(data.get(), type, dataSize);
     if (!text.empty()) {
-      values.emplace(std::string(name.get(), strnlen(name.get(), nameBufferSize)), text);
+      values.emplace_back(std::string(name.get(), strnlen(name.get(), nameBufferSize)),
+                          std::move(text));
     }
   }
+  // Two names can narrow to one (characters the code page lacks become '?'): the first
+  // enumerated stays, as a map's emplace keeps it.
+  std::stable_sort(values.begin(), values.end(),
+                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  values.erase(std::unique(values.begin(), values.end(),
+                           [](const auto& a, const auto& b) { return a.first == b.first; }),
+               values.end());
   return values;
 }
 

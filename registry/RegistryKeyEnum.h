@@ -5,6 +5,8 @@
 
 #include <map>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/types.h"
 
@@ -30,6 +32,11 @@ int QueryKeyInfo(platform::HKEY key, platform::DWORD& valueCount,
 
 // Every value of `key` whose name and text are not empty. A null key gives nothing.
 RegistryValueSet EnumerateValues(platform::HKEY key);
+
+// The same entries as EnumerateValues, in its order (by name, of two equal names the one
+// enumerated first), as a list: a key of many values is read without building a tree.
+using RegistryValueList = std::vector<std::pair<std::string, std::string>>;
+RegistryValueList EnumerateValueList(platform::HKEY key);
 
 // Reads `valueName` into a buffer of `bufferSize` bytes; on success `text` becomes its
 // text, on failure `text` is left alone. 0 on success, 1 on failure.

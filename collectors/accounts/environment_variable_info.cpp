@@ -22,9 +22,10 @@ std::vector<PropertyMap> EnvironmentVariableInfo::getVariables(const std::string
   platform::HKEY key = nullptr;
   OpenRegistryKey(key, system ? platform::HKEY_LOCAL_MACHINE : platform::HKEY_CURRENT_USER,
                   system ? kSystemEnvironment : kUserEnvironment);
-  const RegistryValueSet values = EnumerateValues(key);
+  const RegistryValueList values = EnumerateValueList(key);
   CloseRegistryKey(key);
   std::vector<PropertyMap> variables;
+  variables.reserve(values.size());
   for (const auto& value : values) {
     PropertyMap properties;
     properties["SettingID"] = NKestovaTessil20::TCIMValue(value.first);

@@ -278,6 +278,22 @@ TEST_F(RegistryHelpersTest, ValueNameBufferGrowsByOneBytePerIndex) {
   EXPECT_EQ(ReadKeyValues("SOFTWARE\\Early").size(), 2u);
 }
 
+// Listed by name whatever the key's order; of two names that narrow to one ('?' for a
+// character the code page lacks), the first enumerated.
+TEST_F(RegistryHelpersTest, ValueListIsInNameOrderFirstOfEqualNamesKept) {
+  load({{"registry/r.reg",
+         "Windows Registry Editor Version 5.00\n\n"
+         "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Env]\n\"b\"=\"2\"\n\"a\xe4\xb8\x80\"=\"first\"\n"
+         "\"Z\"=\"upper\"\n\"a\xe4\xb8\x81\"=\"second\"\n\"a\"=\"1\"\n\"empty\"=\"\"\n"}});
+  HKEY key = nullptr;
+  ASSERT_EQ(OpenRegistryKey(key, platform::HKEY_LOCAL_MACHINE, "SOFTWARE\\Env"), 0);
+  const RegistryValueList list = EnumerateValueList(key);
+  const RegistryValueList expected = {{"Z", "upper"}, {"a", "1"}, {"a?", "first"}, {"b", "2"}};
+  EXPECT_EQ(list, expected);
+  EXPECT_EQ(EnumerateValues(key), RegistryValueSet(expected.begin(), expected.end()));
+  CloseRegistryKey(key);
+}
+
 TEST_F(RegistryHelpersTest, SelectedValuesWithTheVersionFallback) {
   const ValueNameTable table{
       {"Name", "DisplayName"}, {"Version", "DisplayVersion"}, {"Blob", "Binary"}, {"Default", ""}};
