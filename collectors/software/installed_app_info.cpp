@@ -104,12 +104,10 @@ void InstalledAppInfo::getInfo(std::vector<TextRecord>& records, const std::stri
       continue;
     }
     m_seenNames.reserve(m_seenNames.size() + subKeys.size());
-    std::vector<TextRecord> found;
-    found.reserve(subKeys.size());
-    for (const std::string& subKey : subKeys)
-      found.push_back(ReadSelectedValues(subKey, valueNames));
-
-    for (TextRecord& record : found) {
+    // Each record is judged as soon as it is read, while it is still in the cache; the
+    // judging reads nothing from the machine, so the calls are those of reading all first.
+    for (const std::string& subKey : subKeys) {
+      TextRecord record = ReadSelectedValues(subKey, valueNames);
       bool keep = true;
       if (className == kClassInstalledFix) {
         keep = isFix(record);
