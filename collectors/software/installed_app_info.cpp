@@ -77,7 +77,7 @@ bool InstalledAppInfo::isHotFixName(const std::string& productName) const {
 bool InstalledAppInfo::isNewName(const TextRecord& record) {
   const auto name = record.find(kPropProductName);
   if (name == record.end() || name->second.empty()) return false;
-  return m_seenNames.insert(name->second).second;
+  return m_seenNames.insert(name->second);
 }
 
 bool InstalledAppInfo::isApplication(const TextRecord& record) {

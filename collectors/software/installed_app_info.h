@@ -4,9 +4,9 @@
 
 #include <memory>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
+#include "collectors/software/name_set.h"
 #include "common/get_info.h"
 
 namespace installedapps_col {
@@ -36,7 +36,7 @@ class InstalledAppInfo : public GetInfo {
   bool isApplication(const TextRecord& record);
   bool isFix(const TextRecord& record);
 
-  std::unordered_set<std::string> m_seenNames;
+  NameSet m_seenNames;
   std::vector<std::string> m_hotFixKeyNames;
   std::unique_ptr<HotFixNameMatcher> m_hotFixMatcher;
 };
