@@ -4,6 +4,8 @@
 #   scripts/bootstrap.sh test   that, plus tests, sanitizers, the Windows build and Wine
 #   scripts/bootstrap.sh fuzz   what building iac needs, plus clang and its libFuzzer and
 #                               sanitizer runtimes (scripts/fuzz.sh)
+#   scripts/bootstrap.sh bench  what building iac needs, plus Google Benchmark and what
+#                               scripts/bench.sh runs and compares against
 set -euo pipefail
 
 run_pkgs=(g++ make cmake pkg-config ccache libboost-dev nlohmann-json3-dev libcli11-dev
@@ -13,12 +15,16 @@ test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev libhivex-bin ntfs-3g clang
 # libclang_rt.fuzzer*.a and the sanitizer runtimes come with libclang-rt-dev, which clang
 # only recommends.
 fuzz_pkgs=(clang libclang-rt-dev)
+# GNU time reports each process's peak memory; reglookup and hivexget (libhivex-bin) read the
+# same registry key for comparison.
+bench_pkgs=(libbenchmark-dev python3 time reglookup libhivex-bin)
 
 case "${1:-test}" in
   run) want=("${run_pkgs[@]}") ;;
   test) want=("${run_pkgs[@]}" "${test_pkgs[@]}") ;;
   fuzz) want=("${run_pkgs[@]}" "${fuzz_pkgs[@]}") ;;
-  *) echo "usage: $0 [run|test|fuzz]" >&2; exit 2 ;;
+  bench) want=("${run_pkgs[@]}" "${bench_pkgs[@]}") ;;
+  *) echo "usage: $0 [run|test|fuzz|bench]" >&2; exit 2 ;;
 esac
 
 missing=()
