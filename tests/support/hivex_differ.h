@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 #include "platform/recorded/codepage.h"
 #include "platform/recorded/registry_model.h"
@@ -43,9 +44,11 @@ class HivexDiffer {
       std::unique_ptr<char, Freed> name(hivex_value_key(hive_, v));
       const std::string where = path + " value " + (name ? name.get() : "?");
       if (!name || name.get() != WideToUtf8(ours.name)) return where + ": name";
-      hive_type type;
+      // A plain integer: real hives hold types outside the enum (such as 0xFFFF0011).
+      std::underlying_type_t<hive_type> type = 0;
       size_t length = 0;
-      std::unique_ptr<char, Freed> data(hivex_value_value(hive_, v, &type, &length));
+      std::unique_ptr<char, Freed> data(
+          hivex_value_value(hive_, v, reinterpret_cast<hive_type*>(&type), &length));
       if (static_cast<DWORD>(type) != ours.type) return where + ": type";
       const std::string theirs = data ? std::string(data.get(), length) : std::string();
       if (theirs != std::string(ours.data.begin(), ours.data.end())) return where + ": data";
