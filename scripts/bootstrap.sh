@@ -10,7 +10,8 @@ set -euo pipefail
 
 run_pkgs=(g++ make cmake pkg-config ccache libboost-dev nlohmann-json3-dev libcli11-dev
           libhivex-dev ntfs-3g-dev)
-test_pkgs=(libgtest-dev libgmock-dev libbenchmark-dev libhivex-bin ntfs-3g clang-format
+# python3 runs the scripts that write test hives (scripts/reg2hive.py, the generators).
+test_pkgs=(python3 libgtest-dev libgmock-dev libbenchmark-dev libhivex-bin ntfs-3g clang-format
            g++-mingw-w64-x86-64-posix wine wine64)
 # libclang_rt.fuzzer*.a and the sanitizer runtimes come with libclang-rt-dev, which clang
 # only recommends.
