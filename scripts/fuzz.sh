@@ -36,7 +36,8 @@ fuzz_one() {
   mkdir -p "$dir/corpus" "$dir/artifacts"
   cp -r "fuzz/corpus/$target/." "$dir/corpus/"
   [ -f "fuzz/dict/$target.dict" ] && dict=(-dict="fuzz/dict/$target.dict")
-  UBSAN_OPTIONS=print_stacktrace=1 "build/fuzz/bin/$target" -max_total_time="$seconds" \
+  UBSAN_OPTIONS=print_stacktrace=1 LSAN_OPTIONS=suppressions=$PWD/fuzz/lsan.supp \
+    "build/fuzz/bin/$target" -max_total_time="$seconds" \
     -timeout=25 -rss_limit_mb=2048 -print_final_stats=1 -artifact_prefix="$dir/artifacts/" \
     "${dict[@]}" "$dir/corpus" >"$dir/log" 2>&1 || true
 }

@@ -43,7 +43,9 @@ class HivexDiffer {
       const platform::recorded::RegValue& ours = key.value(n);
       std::unique_ptr<char, Freed> name(hivex_value_key(hive_, v));
       const std::string where = path + " value " + (name ? name.get() : "?");
-      if (!name || name.get() != WideToUtf8(ours.name)) return where + ": name";
+      // libhivex converts names to UTF-8 and gives none for what is no valid UTF-16.
+      if (!name) return where + ": libhivex cannot convert the name";
+      if (name.get() != WideToUtf8(ours.name)) return where + ": name";
       // A plain integer: real hives hold types outside the enum (such as 0xFFFF0011).
       std::underlying_type_t<hive_type> type = 0;
       size_t length = 0;
@@ -62,8 +64,8 @@ class HivexDiffer {
       if (c >= key.subKeyCount()) return path + ": fewer sub-keys";
       std::unique_ptr<char, Freed> name(hivex_node_name(hive_, children.get()[c]));
       const RegKey& sub = key.subKey(c);
-      if (!name || name.get() != WideToUtf8(sub.name()))
-        return path + "\\" + WideToUtf8(sub.name()) + ": name";
+      if (!name) return path + "\\" + WideToUtf8(sub.name()) + ": libhivex cannot convert the name";
+      if (name.get() != WideToUtf8(sub.name())) return path + "\\" + WideToUtf8(sub.name()) + ": name";
       const std::string difference =
           compare(children.get()[c], sub, path + "\\" + WideToUtf8(sub.name()));
       if (!difference.empty()) return difference;
