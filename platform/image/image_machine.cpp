@@ -445,7 +445,23 @@ std::vector<Profile> Profiles(const Hives& hives, Volume& volume, char drive,
 }  // namespace
 
 std::shared_ptr<RecordedMachine> LoadImage(const std::string& path, const ImageOptions& options) {
-  return LoadVolumes(OpenVolumes(path), options);
+  std::vector<std::unique_ptr<Volume>> volumes = OpenVolumes(path);
+  // The Windows volume first, chosen as OpenWindowsVolume chooses it; a disk often starts
+  // with a boot or recovery partition.
+  auto first = [&volumes](const char* directory) {
+    for (auto& volume : volumes) {
+      if (volume->isDirectory(directory)) {
+        std::swap(volume, volumes.front());
+        return true;
+      }
+    }
+    return false;
+  };
+  if (!first("Windows\\System32\\config") && !first("Windows")) {
+    OpenWindowsVolume(path);  // throws, saying what each partition was
+    throw RecordError(path + ": no Windows volume");
+  }
+  return LoadVolumes(std::move(volumes), options);
 }
 
 std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>> volumes,

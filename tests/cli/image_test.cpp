@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 
 #include "iac_run.h"
@@ -96,6 +97,11 @@ std::string SamAccount(std::uint32_t rid, std::uint32_t control, const std::u16s
   return key + ("\"F\"=hex:" + Hex(f) + "\n\"V\"=hex:" + Hex(v + texts) + "\n");
 }
 
+std::string ReadAll(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 }  // namespace
 
 // The example machine's registry, read through a volume of its hives, is the registry of
@@ -144,6 +150,33 @@ TEST(Image, VolumeOfAMachinesHivesReadsAsTheMachine) {
   } else {
     ADD_FAILURE() << "could not make the NTFS image: " << make;
   }
+  // On an MBR disk whose first partition is a boot partition holding the boot store, the
+  // Windows volume is the second; the inventory is the same.
+  const fs::path boot = volume.root.string() + ".boot";
+  fs::resize_file((std::ofstream(boot), boot), 4 << 20);
+  const std::string makeBoot = "PATH=$PATH:/usr/sbin:/sbin; mkntfs -F -Q -q '" + boot.string() +
+                               "' >/dev/null 2>&1 && " IA_NTFS_TREE " '" + boot.string() +
+                               "' d Boot && ntfscp -f -q '" + boot.string() + "' '" +
+                               (volume.root / "Boot/BCD").string() + "' /Boot/BCD >/dev/null";
+  ASSERT_EQ(std::system(makeBoot.c_str()), 0);
+  std::string mbr(1 << 20, '\0');
+  const std::string parts[] = {ReadAll(boot), ReadAll(disk)};
+  std::uint64_t at = mbr.size();
+  for (int i = 0; i < 2; ++i) {
+    Put(mbr, 0x1BE + 16 * i + 4, 0x07, 1);
+    Put(mbr, 0x1BE + 16 * i + 8, at / 512, 4);
+    Put(mbr, 0x1BE + 16 * i + 12, parts[i].size() / 512, 4);
+    at += parts[i].size();
+  }
+  Put(mbr, 510, 0xAA55, 2);
+  const fs::path mbrDisk = volume.root.string() + ".mbr";
+  std::ofstream(mbrDisk, std::ios::binary) << mbr << parts[0] << parts[1];
+  const IacOutput fromMbr =
+      RunIac("collect --image '" + mbrDisk.string() + "' --format json --log-level 4");
+  EXPECT_EQ(fromMbr.status, 0) << fromMbr.err;
+  EXPECT_TRUE(fromMbr.out == RunIac("collect " + image + " --format json --log-level 4").out);
+  fs::remove(boot);
+  fs::remove(mbrDisk);
   fs::remove(disk);
 #endif
   // Recorded as a folder (iac capture --image), the machine inventories as the image does.
