@@ -65,7 +65,8 @@ class HivexDiffer {
       std::unique_ptr<char, Freed> name(hivex_node_name(hive_, children.get()[c]));
       const RegKey& sub = key.subKey(c);
       if (!name) return path + "\\" + WideToUtf8(sub.name()) + ": libhivex cannot convert the name";
-      if (name.get() != WideToUtf8(sub.name())) return path + "\\" + WideToUtf8(sub.name()) + ": name";
+      if (name.get() != WideToUtf8(sub.name()))
+        return path + "\\" + WideToUtf8(sub.name()) + ": name";
       const std::string difference =
           compare(children.get()[c], sub, path + "\\" + WideToUtf8(sub.name()));
       if (!difference.empty()) return difference;
