@@ -43,8 +43,11 @@ class HivexDiffer {
       const platform::recorded::RegValue& ours = key.value(n);
       std::unique_ptr<char, Freed> name(hivex_value_key(hive_, v));
       const std::string where = path + " value " + (name ? name.get() : "?");
-      // libhivex converts names to UTF-8 and gives none for what is no valid UTF-16.
-      if (!name) return where + ": libhivex cannot convert the name";
+      // libhivex converts names to UTF-8 C strings: it gives none for what is no valid
+      // UTF-16, and a name holding a NUL ends there.
+      if (!name || (ours.name.find(u'\0') != std::u16string::npos &&
+                    name.get() == WideToUtf8(ours.name.substr(0, ours.name.find(u'\0')))))
+        return where + ": libhivex cannot convert the name";
       if (name.get() != WideToUtf8(ours.name)) return where + ": name";
       // A plain integer: real hives hold types outside the enum (such as 0xFFFF0011).
       std::underlying_type_t<hive_type> type = 0;
