@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -62,16 +63,19 @@ class HivexDiffer {
     if (n != key.valueCount()) return path + ": more values";
     std::unique_ptr<hive_node_h, Freed> children(hivex_node_children(hive_, node));
     if (!children) return path + ": libhivex cannot list the sub-keys";
+    // By name: a list a damaged hive holds out of order, libhivex hands on as it is, and
+    // ours puts in Windows' order.
+    std::map<std::string, const RegKey*> ours;
+    for (size_t i = 0; i < key.subKeyCount(); ++i)
+      ours.emplace(WideToUtf8(key.subKey(i).name()), &key.subKey(i));
     size_t c = 0;
     for (; children.get()[c]; ++c) {
-      if (c >= key.subKeyCount()) return path + ": fewer sub-keys";
       std::unique_ptr<char, Freed> name(hivex_node_name(hive_, children.get()[c]));
-      const RegKey& sub = key.subKey(c);
-      if (!name) return path + "\\" + WideToUtf8(sub.name()) + ": libhivex cannot convert the name";
-      if (name.get() != WideToUtf8(sub.name()))
-        return path + "\\" + WideToUtf8(sub.name()) + ": name";
+      if (!name) return path + ": libhivex cannot convert a sub-key's name";
+      auto sub = ours.find(name.get());
+      if (sub == ours.end()) return path + "\\" + name.get() + ": not among ours";
       const std::string difference =
-          compare(children.get()[c], sub, path + "\\" + WideToUtf8(sub.name()));
+          compare(children.get()[c], *sub->second, path + "\\" + sub->first);
       if (!difference.empty()) return difference;
     }
     if (c != key.subKeyCount()) return path + ": more sub-keys";
