@@ -34,30 +34,46 @@ REGSAM EffectiveAccess(REGSAM sam) {
   return access;
 }
 
-// Windows looks only at the low 32 bits of a predefined key's handle.
-bool PredefinedPath(HKEY handle, std::vector<std::u16string>& path) {
+// The path of a predefined key, as stored; null for any other handle. Windows looks only
+// at the low 32 bits of a predefined key's handle.
+const std::vector<std::u16string>* PredefinedPath(HKEY handle) {
+  static const std::vector<std::u16string> kClassesRoot = {u"HKEY_LOCAL_MACHINE", u"SOFTWARE",
+                                                           u"Classes"};
+  static const std::vector<std::u16string> kCurrentUser = {u"HKEY_CURRENT_USER"};
+  static const std::vector<std::u16string> kLocalMachine = {u"HKEY_LOCAL_MACHINE"};
+  static const std::vector<std::u16string> kUsers = {u"HKEY_USERS"};
+  static const std::vector<std::u16string> kCurrentConfig = {
+      u"HKEY_LOCAL_MACHINE", u"SYSTEM", u"CurrentControlSet", u"Hardware Profiles", u"Current"};
   const auto value = reinterpret_cast<std::uintptr_t>(handle);
-  if (value < 0x80000000u) return false;
+  if (value < 0x80000000u) return nullptr;
   switch (value & 0xFFFFFFFFu) {
     case 0x80000000u:
-      path = {u"HKEY_LOCAL_MACHINE", u"SOFTWARE", u"Classes"};
-      return true;
+      return &kClassesRoot;
     case 0x80000001u:
-      path = {u"HKEY_CURRENT_USER"};
-      return true;
+      return &kCurrentUser;
     case 0x80000002u:
-      path = {u"HKEY_LOCAL_MACHINE"};
-      return true;
+      return &kLocalMachine;
     case 0x80000003u:
-      path = {u"HKEY_USERS"};
-      return true;
+      return &kUsers;
     case kHkeyCurrentConfig:
-      path = {u"HKEY_LOCAL_MACHINE", u"SYSTEM", u"CurrentControlSet", u"Hardware Profiles",
-              u"Current"};
-      return true;
+      return &kCurrentConfig;
     default:
-      return false;
+      return nullptr;
   }
+}
+
+// The names from the root down to `key`, as stored.
+std::vector<std::u16string> PathOf(const RegKey& key) {
+  std::vector<std::u16string> path;
+  for (const RegKey* k = &key; k; k = k->parent()) path.push_back(k->name());
+  std::reverse(path.begin(), path.end());
+  return path;
+}
+
+size_t DepthOf(const RegKey& key) {
+  size_t depth = 0;
+  for (const RegKey* k = key.parent(); k; k = k->parent()) ++depth;
+  return depth;
 }
 
 void SetFiletime(FILETIME* out, std::uint64_t time) {
@@ -68,10 +84,11 @@ void SetFiletime(FILETIME* out, std::uint64_t time) {
 
 // Copies converted string data as RegQueryValueExA does: when the data lacks its final
 // NUL and the buffer has room, one is added after it (not counted in the size).
-void CopyData(const std::vector<BYTE>& bytes, DWORD type, BYTE* data, DWORD capacity) {
-  if (!bytes.empty()) std::memcpy(data, bytes.data(), bytes.size());
-  if (IsStringType(type) && !bytes.empty() && bytes.size() < capacity && bytes.back() != 0) {
-    data[bytes.size()] = 0;
+void CopyData(const NarrowData& bytes, DWORD type, BYTE* data, DWORD capacity) {
+  if (bytes.size == 0) return;
+  std::memcpy(data, bytes.bytes, bytes.size);
+  if (IsStringType(type) && bytes.size < capacity && bytes.bytes[bytes.size - 1] != 0) {
+    data[bytes.size] = 0;
   }
 }
 
@@ -102,28 +119,47 @@ RecordedRegistry::RecordedRegistry() : codePage_(kDefaultAnsiCodePage) {}
 RecordedRegistry::~RecordedRegistry() = default;
 
 void RecordedRegistry::loadRegFile(const std::string& name, const std::string& bytes) {
-  ApplyRegFile(tree_, name, bytes, codePage_);
-  findOpenKeysAgain();
+  reloadAround([&] { ApplyRegFile(tree_, name, bytes, codePage_); });
 }
 
 void RecordedRegistry::loadHive(const std::string& path, Mount where) {
-  LoadHiveFile(tree_, path, where);
-  findOpenKeysAgain();
+  reloadAround([&] { LoadHiveFile(tree_, path, where); });
 }
 
 void RecordedRegistry::loadHive(std::unique_ptr<HiveFile> hive, const std::string& name,
                                 Mount where) {
-  MountHive(tree_, std::move(hive), name, where);
+  reloadAround([&] { MountHive(tree_, std::move(hive), name, where); });
+}
+
+// A load may move or remove keys that open handles point to: each handle keeps its path
+// while the tree changes and finds its key again after; a removed key reads as empty.
+template <typename Load>
+void RecordedRegistry::reloadAround(Load&& load) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& entry : handles_) {
+      if (entry.second.key != &EmptyKey()) entry.second.path = PathOf(*entry.second.key);
+    }
+  }
+  try {
+    load();
+  } catch (...) {
+    findOpenKeysAgain();
+    throw;
+  }
   findOpenKeysAgain();
 }
 
-// A load may move or remove keys that open handles point to; a removed key reads as empty.
 void RecordedRegistry::findOpenKeysAgain() {
   std::lock_guard<std::mutex> lock(mutex_);
   for (auto& entry : handles_) {
-    std::vector<std::u16string> path = entry.second.path;
-    const RegKey* key = walk(path);
-    entry.second.key = key ? key : &EmptyKey();
+    OpenKey& open = entry.second;
+    if (const RegKey* key = resolve(open.path)) {
+      open.key = key;
+      open.path.clear();
+    } else {
+      open.key = &EmptyKey();
+    }
   }
 }
 
@@ -132,6 +168,12 @@ void RecordedRegistry::setCodePage(unsigned codePage) {
     throw std::invalid_argument("unsupported ANSI code page " + std::to_string(codePage));
   }
   codePage_ = codePage;
+  // Every ANSI code page keeps ASCII as it is; others (EBCDIC) are asked.
+  std::string ascii;
+  for (int c = 1; c < 0x80; ++c) ascii += static_cast<char>(c);
+  asciiKept_ = codePage == 65001 || IsAnsiCodePage(codePage) ||
+               (WideToAnsi(std::u16string(ascii.begin(), ascii.end()), codePage) == ascii &&
+                AnsiToWide(ascii, codePage) == std::u16string(ascii.begin(), ascii.end()));
 }
 
 size_t RecordedRegistry::openHandleCount() const {
@@ -139,26 +181,20 @@ size_t RecordedRegistry::openHandleCount() const {
   return handles_.size();
 }
 
-bool RecordedRegistry::lookup(HKEY handle, OpenKey& out) const {
-  if (PredefinedPath(handle, out.path)) {
-    out.access = kKeyAllAccess;
-    return true;
-  }
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = handles_.find(reinterpret_cast<std::uintptr_t>(handle));
-  if (it == handles_.end()) return false;
-  out = it->second;
-  return true;
+const RegKey* RecordedRegistry::resolve(const std::vector<std::u16string>& path) const {
+  const RegKey* key = path.empty() ? nullptr : tree_.root(path[0]);
+  const std::vector<std::u16string_view> parts(path.begin() + (path.empty() ? 0 : 1), path.end());
+  return descend(key, 0, parts);
 }
 
-const RegKey* RecordedRegistry::walk(std::vector<std::u16string>& path) const {
-  const RegKey* key = path.empty() ? nullptr : tree_.root(path[0]);
-  for (size_t i = 1; key && i < path.size(); ++i) {
-    const RegKey* child = key->findSubKey(path[i]);
+const RegKey* RecordedRegistry::descend(const RegKey* key, size_t depth,
+                                        const std::vector<std::u16string_view>& parts) const {
+  for (size_t i = 0; key && i < parts.size(); ++i, ++depth) {
+    const RegKey* child = key->findSubKey(parts[i]);
     // CurrentControlSet is a link that Windows makes at boot: Select\Current names the
     // control set (ControlSet001 when the record lacks Select).
-    if (!child && i == 2 && NamesEqual(path[1], u"SYSTEM") &&
-        NamesEqual(path[i], u"CurrentControlSet")) {
+    if (!child && depth == 1 && NamesEqual(key->name(), u"SYSTEM") &&
+        NamesEqual(parts[i], u"CurrentControlSet")) {
       DWORD current = 1;
       const RegKey* select = key->findSubKey(u"Select");
       const RegValue* value = select ? select->findValue(u"Current") : nullptr;
@@ -169,19 +205,16 @@ const RegKey* RecordedRegistry::walk(std::vector<std::u16string>& path) const {
       if (digits.size() < 3) digits.insert(0, 3 - digits.size(), '0');
       child = key->findSubKey(u"ControlSet" + std::u16string(digits.begin(), digits.end()));
     }
-    if (child) path[i] = child->name();
     key = child;
   }
   return key;
 }
 
 const RegKey* RecordedRegistry::keyOf(HKEY handle, REGSAM need, LONG& status) const {
-  OpenKey predefined;
+  const std::vector<std::u16string>* predefined = PredefinedPath(handle);
   const RegKey* key = nullptr;
-  REGSAM access = 0;
-  if (PredefinedPath(handle, predefined.path)) {
-    access = kKeyAllAccess;
-  } else {
+  REGSAM access = kKeyAllAccess;
+  if (!predefined) {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = handles_.find(reinterpret_cast<std::uintptr_t>(handle));
     if (it == handles_.end()) {
@@ -196,62 +229,107 @@ const RegKey* RecordedRegistry::keyOf(HKEY handle, REGSAM need, LONG& status) co
     return nullptr;
   }
   status = ERROR_SUCCESS;
-  if (key == nullptr) key = walk(predefined.path);
+  if (predefined) key = resolve(*predefined);
   return key ? key : &EmptyKey();  // a predefined key the record lacks reads as empty
 }
 
-std::string RecordedRegistry::narrow(const std::u16string& text) const {
-  return WideToAnsi(text, codePage_);
+std::u16string RecordedRegistry::widen(std::string_view text) const {
+  if (asciiKept_ && std::all_of(text.begin(), text.end(),
+                                [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
+    return std::u16string(text.begin(), text.end());
+  }
+  return AnsiToWide(std::string(text), codePage_);
 }
 
-std::vector<BYTE> RecordedRegistry::narrowData(const RegValue& value) const {
-  if (!IsStringType(value.type)) return value.data;
-  const std::string text = narrow(Utf16FromBytes(value.data.data(), value.data.size()));
-  return std::vector<BYTE>(text.begin(), text.end());
+std::string RecordedRegistry::narrow(std::u16string_view text) const {
+  if (asciiKept_ && std::all_of(text.begin(), text.end(), [](char16_t c) { return c < 0x80; })) {
+    return std::string(text.begin(), text.end());
+  }
+  return WideToAnsi(std::u16string(text), codePage_);
+}
+
+void RecordedRegistry::narrowData(const RegValue& value, NarrowData& out) const {
+  if (!IsStringType(value.type)) {
+    out.bytes = value.data.data();
+    out.size = value.data.size();
+    return;
+  }
+  // Strings are stored as UTF-16LE; an odd last byte is no character and is dropped.
+  const size_t units = value.data.size() / 2;
+  const BYTE* data = value.data.data();
+  bool ascii = asciiKept_;
+  for (size_t i = 0; ascii && i < units; ++i) ascii = data[2 * i] < 0x80 && data[2 * i + 1] == 0;
+  if (ascii) {
+    out.converted.resize(units);
+    for (size_t i = 0; i < units; ++i) out.converted[i] = static_cast<char>(data[2 * i]);
+  } else {
+    out.converted = narrow(Utf16FromBytes(data, value.data.size()));
+  }
+  out.bytes = reinterpret_cast<const BYTE*>(out.converted.data());
+  out.size = out.converted.size();
 }
 
 LONG RecordedRegistry::RegOpenKeyExA(HKEY root, const char* subKey, DWORD /*options*/, REGSAM sam,
                                      HKEY* result) {
   if (!result) return ERROR_INVALID_PARAMETER;
-  OpenKey base;
-  if (!lookup(root, base)) return ERROR_INVALID_HANDLE;
-  std::vector<std::u16string> dummy;
-  const bool predefined = PredefinedPath(root, dummy);
-  if (!subKey && predefined) {
-    *result = root;
-    return ERROR_SUCCESS;
+  const std::vector<std::u16string>* predefined = PredefinedPath(root);
+  const RegKey* base = nullptr;
+  std::vector<std::u16string> basePath;  // only needed for the 32-bit view
+  if (predefined) {
+    if (!subKey) {
+      *result = root;
+      return ERROR_SUCCESS;
+    }
+    base = resolve(*predefined);
+  } else {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = handles_.find(reinterpret_cast<std::uintptr_t>(root));
+    if (it == handles_.end()) return ERROR_INVALID_HANDLE;
+    if (it->second.key != &EmptyKey()) {
+      base = it->second.key;
+    } else {
+      basePath = it->second.path;  // the key went away with a load
+    }
   }
 
-  std::string sub = subKey ? subKey : "";
+  std::string_view sub = subKey ? subKey : "";
   if (!sub.empty() && sub[0] == '\\') {
     // NT refuses a leading separator, except below HKEY_CLASSES_ROOT (XP and later).
     if (reinterpret_cast<std::uintptr_t>(root) != 0x80000000u) return ERROR_BAD_PATHNAME;
-    sub.erase(0, sub.find_first_not_of('\\') == std::string::npos ? sub.size()
-                                                                  : sub.find_first_not_of('\\'));
+    sub.remove_prefix(std::min(sub.find_first_not_of('\\'), sub.size()));
   }
-  std::vector<std::u16string> path = base.path;
-  for (auto& part : SplitPath(AnsiToWide(sub, codePage_))) path.push_back(std::move(part));
+  const std::u16string wide = widen(sub);
+  std::vector<std::u16string_view> parts;
+  for (size_t start = 0; start <= wide.size();) {
+    const size_t end = std::min(wide.find(u'\\', start), wide.size());
+    if (end > start) parts.emplace_back(wide.data() + start, end - start);
+    start = end + 1;
+  }
 
+  const RegKey* key = nullptr;
   if (!sub.empty() && Uses32BitView(sam, processIs32Bit_)) {
+    // The redirection rules are written for whole paths.
+    std::vector<std::u16string> path = predefined ? *predefined : base ? PathOf(*base) : basePath;
+    for (const auto part : parts) path.emplace_back(part);
     std::vector<std::u16string> redirected = To32BitView(path);
-    std::vector<std::u16string> probe = redirected;
     // HKLM\SOFTWARE itself stays put on a record without a 32-bit view.
-    if (path.size() != 2 || walk(probe)) path = std::move(redirected);
+    if (path.size() != 2 || resolve(redirected)) path = std::move(redirected);
+    key = resolve(path);
+  } else if (base) {
+    key = descend(base, DepthOf(*base), parts);
   }
-  const RegKey* key = walk(path);
   if (!key) return ERROR_FILE_NOT_FOUND;
 
   std::lock_guard<std::mutex> lock(mutex_);
   const std::uintptr_t handle = nextHandle_;
   nextHandle_ += 4;
-  handles_[handle] = OpenKey{std::move(path), EffectiveAccess(sam), key};
+  handles_.emplace_hint(handles_.end(), handle, OpenKey{EffectiveAccess(sam), key, {}});
   *result = reinterpret_cast<HKEY>(handle);
   return ERROR_SUCCESS;
 }
 
 LONG RecordedRegistry::RegCloseKey(HKEY key) {
-  std::vector<std::u16string> dummy;
-  if (PredefinedPath(key, dummy)) return ERROR_SUCCESS;
+  if (PredefinedPath(key)) return ERROR_SUCCESS;
   std::lock_guard<std::mutex> lock(mutex_);
   return handles_.erase(reinterpret_cast<std::uintptr_t>(key)) ? ERROR_SUCCESS
                                                                : ERROR_INVALID_HANDLE;
@@ -325,18 +403,19 @@ LONG RecordedRegistry::RegEnumValueA(HKEY handle, DWORD index, char* name, DWORD
 
   const RegValue& value = key->value(index);
   const std::string text = narrow(value.name);
-  const std::vector<BYTE> bytes = narrowData(value);
+  NarrowData bytes;
+  narrowData(value, bytes);
   if (type) *type = value.type;
   // Either part too small: neither buffer is written, the name length is left as it
   // was, and the data length says what the data needs.
-  if (text.size() >= *nameLength || (data && bytes.size() > *dataLength)) {
-    if (dataLength) *dataLength = static_cast<DWORD>(bytes.size());
+  if (text.size() >= *nameLength || (data && bytes.size > *dataLength)) {
+    if (dataLength) *dataLength = static_cast<DWORD>(bytes.size);
     return ERROR_MORE_DATA;
   }
   std::memcpy(name, text.c_str(), text.size() + 1);
   *nameLength = static_cast<DWORD>(text.size());
   if (data) CopyData(bytes, value.type, data, *dataLength);
-  if (dataLength) *dataLength = static_cast<DWORD>(bytes.size());
+  if (dataLength) *dataLength = static_cast<DWORD>(bytes.size);
   return ERROR_SUCCESS;
 }
 
@@ -348,20 +427,20 @@ LONG RecordedRegistry::RegQueryValueExA(HKEY handle, const char* valueName, DWOR
   if (!key) return status;
   if (!data && dataLength) *dataLength = 0;
 
-  const RegValue* value =
-      key->findValue(valueName ? AnsiToWide(valueName, codePage_) : std::u16string());
+  const RegValue* value = key->findValue(valueName ? widen(valueName) : std::u16string());
   if (!value) return ERROR_FILE_NOT_FOUND;
-  const std::vector<BYTE> bytes = narrowData(*value);
+  NarrowData bytes;
+  narrowData(*value, bytes);
   status = ERROR_SUCCESS;
   if (data) {
-    if (bytes.size() > *dataLength) {
+    if (bytes.size > *dataLength) {
       status = ERROR_MORE_DATA;  // nothing copied
     } else {
       CopyData(bytes, value->type, data, *dataLength);
     }
   }
   if (type) *type = value->type;
-  if (dataLength) *dataLength = static_cast<DWORD>(bytes.size());
+  if (dataLength) *dataLength = static_cast<DWORD>(bytes.size);
   return status;
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/export.h"
@@ -14,6 +15,14 @@
 #include "platform/registry.h"
 
 namespace platform::recorded {
+
+// A value's data as the narrow calls return it: strings converted to the code page (held
+// in `converted`), other types as stored.
+struct NarrowData {
+  const BYTE* bytes = nullptr;
+  size_t size = 0;
+  std::string converted;
+};
 
 // Not in platform/types.h: only the recorded registry produces it.
 constexpr LONG ERROR_BAD_PATHNAME = 161;
@@ -64,25 +73,30 @@ class KPLATFORM_API RecordedRegistry : public Registry {
 
  private:
   struct OpenKey {
-    std::vector<std::u16string> path;  // as stored, root first
     REGSAM access = 0;
     // The key itself, found when the handle was opened: nothing changes the tree while
-    // handles are open, so calls on the handle need not walk the path again. Null for a
-    // predefined key.
+    // handles are open, so calls on the handle need not walk a path again. A key that a
+    // load removed is an empty key, and `path` then holds where it was.
     const RegKey* key = nullptr;
+    std::vector<std::u16string> path;  // as stored, root first; only while needed
   };
-
+  template <typename Load>
+  void reloadAround(Load&& load);
   void findOpenKeysAgain();
-  // The open key behind a handle (predefined or returned by RegOpenKeyExA).
-  bool lookup(HKEY handle, OpenKey& out) const;
-  // The key at `path`, following SYSTEM\CurrentControlSet; rewrites `path` as stored.
-  const RegKey* walk(std::vector<std::u16string>& path) const;
+  // The key at a path as stored, root first, following SYSTEM\CurrentControlSet; null when
+  // missing.
+  const RegKey* resolve(const std::vector<std::u16string>& path) const;
+  // The key `parts` below `key`, which is `depth` levels below its root.
+  const RegKey* descend(const RegKey* key, size_t depth,
+                        const std::vector<std::u16string_view>& parts) const;
   const RegKey* keyOf(HKEY handle, REGSAM need, LONG& status) const;
-  std::string narrow(const std::u16string& text) const;
-  std::vector<BYTE> narrowData(const RegValue& value) const;
+  std::u16string widen(std::string_view text) const;
+  std::string narrow(std::u16string_view text) const;
+  void narrowData(const RegValue& value, NarrowData& out) const;
 
   RegistryTree tree_;
   unsigned codePage_;
+  bool asciiKept_ = true;  // the code page keeps ASCII text as it is, both ways
   bool processIs32Bit_ = false;
   mutable std::mutex mutex_;
   std::map<std::uintptr_t, OpenKey> handles_;

@@ -50,7 +50,7 @@ std::u16string FoldName(const std::u16string& name) {
   return folded;
 }
 
-bool NamesEqual(const std::u16string& a, const std::u16string& b) {
+bool NamesEqual(std::u16string_view a, std::u16string_view b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {
     if (a[i] != b[i] && UpcaseChar(a[i]) != UpcaseChar(b[i])) return false;
@@ -61,7 +61,7 @@ bool NamesEqual(const std::u16string& a, const std::u16string& b) {
 namespace {
 
 // FNV-1a over the upper-cased UTF-16 units, so names that Windows holds equal hash alike.
-size_t FoldedHash(const std::u16string& name) {
+size_t FoldedHash(std::u16string_view name) {
   std::uint64_t hash = 14695981039346656037ull;
   for (char16_t c : name) {
     hash = (hash ^ UpcaseChar(c)) * 1099511628211ull;
@@ -72,7 +72,7 @@ size_t FoldedHash(const std::u16string& name) {
 }  // namespace
 
 template <typename T>
-size_t RegKey::NamedList<T>::position(const std::u16string& name) const {
+size_t RegKey::NamedList<T>::position(std::u16string_view name) const {
   if (slots.empty()) {
     for (size_t i = 0; i < items.size(); ++i) {
       if (items[i] && NamesEqual(NameOf(*items[i]), name)) return i;
@@ -113,7 +113,7 @@ void RegKey::NamedList<T>::buildIndex() {
 }
 
 template <typename T>
-T* RegKey::NamedList<T>::find(const std::u16string& name) const {
+T* RegKey::NamedList<T>::find(std::u16string_view name) const {
   const size_t i = position(name);
   return i < items.size() ? items[i].get() : nullptr;
 }
@@ -130,7 +130,7 @@ void RegKey::NamedList<T>::add(std::unique_ptr<T> item) {
 }
 
 template <typename T>
-void RegKey::NamedList<T>::remove(const std::u16string& name) {
+void RegKey::NamedList<T>::remove(std::u16string_view name) {
   const size_t i = position(name);
   if (i == items.size()) return;
   items[i].reset();
@@ -176,11 +176,11 @@ KeySource::~KeySource() = default;
 RegKey::RegKey(std::u16string name) : name_(std::move(name)) {}
 RegKey::~RegKey() = default;
 
-const RegKey* RegKey::findSubKey(const std::u16string& name) const {
+const RegKey* RegKey::findSubKey(std::u16string_view name) const {
   need(KeySource::kSubKeys);
   return subKeys_.find(name);
 }
-RegKey* RegKey::findSubKey(const std::u16string& name) {
+RegKey* RegKey::findSubKey(std::u16string_view name) {
   need(KeySource::kSubKeys);
   return subKeys_.find(name);
 }
@@ -206,7 +206,7 @@ void RegKey::removeSubKey(const std::u16string& name) {
   subKeys_.remove(name);
 }
 
-const RegValue* RegKey::findValue(const std::u16string& name) const {
+const RegValue* RegKey::findValue(std::u16string_view name) const {
   need(KeySource::kValues);
   return values_.find(name);
 }

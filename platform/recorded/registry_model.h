@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/export.h"
@@ -35,7 +36,7 @@ KPLATFORM_API const char* KeyNameFault(const std::u16string& name);
 // characters compare exactly.
 KPLATFORM_API char16_t UpcaseChar(char16_t c);
 KPLATFORM_API std::u16string FoldName(const std::u16string& name);
-KPLATFORM_API bool NamesEqual(const std::u16string& a, const std::u16string& b);
+KPLATFORM_API bool NamesEqual(std::u16string_view a, std::u16string_view b);
 
 struct RegValue {
   std::u16string name;  // empty: the key's default value
@@ -81,8 +82,8 @@ class KPLATFORM_API RegKey {
     need(KeySource::kSubKeys);
     return *subKeys_.items[index];
   }
-  const RegKey* findSubKey(const std::u16string& name) const;
-  RegKey* findSubKey(const std::u16string& name);
+  const RegKey* findSubKey(std::u16string_view name) const;
+  RegKey* findSubKey(std::u16string_view name);
   // The sub-key of that name, added when missing (then `*added` is set).
   RegKey& ensureSubKey(const std::u16string& name, bool* added = nullptr);
   void removeSubKey(const std::u16string& name);
@@ -95,7 +96,7 @@ class KPLATFORM_API RegKey {
     need(KeySource::kValues);
     return *values_.items[index];
   }
-  const RegValue* findValue(const std::u16string& name) const;
+  const RegValue* findValue(std::u16string_view name) const;
   void setValue(RegValue value);  // replaces a value of the same name in place
   void removeValue(const std::u16string& name);
 
@@ -138,13 +139,13 @@ class KPLATFORM_API RegKey {
     std::vector<std::uint32_t> slots;  // empty: no index; else 0 = free, n = items[n - 1]
     bool holes = false;
     bool added = false;  // since the last compact()
-    T* find(const std::u16string& name) const;
+    T* find(std::u16string_view name) const;
     void add(std::unique_ptr<T> item);
-    void remove(const std::u16string& name);
+    void remove(std::u16string_view name);
     void compact(bool sortByName);
 
    private:
-    size_t position(const std::u16string& name) const;  // items.size() when absent
+    size_t position(std::u16string_view name) const;  // items.size() when absent
     void insertSlot(size_t position);
     void buildIndex();
   };

@@ -194,6 +194,53 @@ TEST(RegistryOpen, CurrentControlSetFollowsSelectCurrent) {
   literal->RegCloseKey(key);
 }
 
+// A load while handles are open: each handle finds its key again by path, a removed key
+// reads as empty (and has no sub-keys), and one written back is found again.
+TEST(RegistryOpen, HandlesOutliveLoads) {
+  auto reg = Machine();
+  HKEY app = Open(*reg, kApp64);
+  HKEY control = Open(*reg, "SYSTEM\\CurrentControlSet\\Control");
+  HKEY uninstall = Open(*reg, kUninstall);
+  const std::string head = "Windows Registry Editor Version 5.00\n";
+  const std::string appKey =
+      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\App64]\n";
+  const struct {
+    std::string load;
+    std::string name;   // of the app handle's DisplayName
+    LONG openSub;       // opening "Session Manager" below the Control handle
+    std::vector<std::string> uninstallKeys;
+  } cases[] = {
+      {head + appKey + "\"DisplayName\"=\"renamed\"\n", "renamed", ERROR_SUCCESS,
+       {"Alpha", "App64", "Zed"}},
+      {head + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Aaa]\n",
+       "renamed", ERROR_SUCCESS, {"Aaa", "Alpha", "App64", "Zed"}},
+      {head + "[-" + appKey.substr(1) + "[-HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002]\n",
+       "<unreadable>", ERROR_FILE_NOT_FOUND, {"Aaa", "Alpha", "Zed"}},
+      {head + appKey + "\"DisplayName\"=\"back\"\n" +
+           "[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002\\Control\\Session Manager]\n",
+       "back", ERROR_SUCCESS, {"Aaa", "Alpha", "App64", "Zed"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.load);
+    reg->loadRegFile("later.reg", c.load);
+    EXPECT_EQ(ReadString(*reg, app, "DisplayName"), c.name);
+    HKEY sub = nullptr;
+    EXPECT_EQ(reg->RegOpenKeyExA(control, "Session Manager", 0, KEY_READ, &sub), c.openSub);
+    if (sub) reg->RegCloseKey(sub);
+    std::vector<std::string> names;
+    char name[64];
+    DWORD length = sizeof name;
+    for (DWORD i = 0; reg->RegEnumKeyExA(uninstall, i, name, &length, nullptr, nullptr, nullptr,
+                                         nullptr) == ERROR_SUCCESS;
+         ++i, length = sizeof name) {
+      names.emplace_back(name, length);
+    }
+    EXPECT_EQ(names, c.uninstallKeys);
+  }
+  for (HKEY key : {app, control, uninstall}) EXPECT_EQ(reg->RegCloseKey(key), ERROR_SUCCESS);
+  EXPECT_EQ(reg->openHandleCount(), 0u);
+}
+
 // 0x20019 is KEY_READ, 0x20119 adds KEY_WOW64_64KEY, 0x20219 adds KEY_WOW64_32KEY.
 TEST(RegistryViews, AccessMasksOnBothReaders) {
   const std::string uninstall = kUninstall;
