@@ -206,19 +206,28 @@ TEST(RegistryOpen, HandlesOutliveLoads) {
       "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\App64]\n";
   const struct {
     std::string load;
-    std::string name;   // of the app handle's DisplayName
-    LONG openSub;       // opening "Session Manager" below the Control handle
+    std::string name;  // of the app handle's DisplayName
+    LONG openSub;      // opening "Session Manager" below the Control handle
     std::vector<std::string> uninstallKeys;
   } cases[] = {
-      {head + appKey + "\"DisplayName\"=\"renamed\"\n", "renamed", ERROR_SUCCESS,
+      {head + appKey + "\"DisplayName\"=\"renamed\"\n",
+       "renamed",
+       ERROR_SUCCESS,
        {"Alpha", "App64", "Zed"}},
-      {head + "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Aaa]\n",
-       "renamed", ERROR_SUCCESS, {"Aaa", "Alpha", "App64", "Zed"}},
+      {head +
+           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Uninstall\\Aaa]\n",
+       "renamed",
+       ERROR_SUCCESS,
+       {"Aaa", "Alpha", "App64", "Zed"}},
       {head + "[-" + appKey.substr(1) + "[-HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002]\n",
-       "<unreadable>", ERROR_FILE_NOT_FOUND, {"Aaa", "Alpha", "Zed"}},
+       "<unreadable>",
+       ERROR_FILE_NOT_FOUND,
+       {"Aaa", "Alpha", "Zed"}},
       {head + appKey + "\"DisplayName\"=\"back\"\n" +
            "[HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet002\\Control\\Session Manager]\n",
-       "back", ERROR_SUCCESS, {"Aaa", "Alpha", "App64", "Zed"}},
+       "back",
+       ERROR_SUCCESS,
+       {"Aaa", "Alpha", "App64", "Zed"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.load);
