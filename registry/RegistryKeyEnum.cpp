@@ -167,14 +167,21 @@ RegistryValueList EnumerateValueList(HKEY key) {
 }
 
 int ReadRegistryValue(HKEY key, const std::string& valueName, std::string& text, DWORD bufferSize) {
-  std::unique_ptr<BYTE[]> data = ReadBuffer(bufferSize);
-  if (!data) return 1;
+  // Most values fit on the stack; this runs for every value of every entry.
+  BYTE local[1024];
+  std::unique_ptr<BYTE[]> heap;
+  BYTE* data = local;
+  if (bufferSize > sizeof local) {
+    heap = ReadBuffer(bufferSize);
+    if (!heap) return 1;
+    data = heap.get();
+  }
   DWORD size = bufferSize, type = platform::REG_NONE;
   const platform::LONG status = platform::Machine::Current().registry().RegQueryValueExA(
-      key, valueName.c_str(), nullptr, &type, data.get(), &size);
+      key, valueName.c_str(), nullptr, &type, data, &size);
   if (status != platform::ERROR_SUCCESS) return 1;
   if (size > bufferSize) size = bufferSize;
-  text = RegistryDataToString(data.get(), type, size);
+  text = RegistryDataToString(data, type, size);
   return 0;
 }
 
@@ -206,7 +213,7 @@ RegistryValueSet SelectedValueReader::read(const ValueNameTable& table) const {
   for (const auto& row : table) {
     std::string text;
     if (ReadRegistryValue(m_key, row.second, text, m_longestData) == 0 && !text.empty()) {
-      values.emplace(row.first, text);
+      values.emplace(row.first, std::move(text));
       continue;
     }
     if (row.second != kDisplayVersion) continue;

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <boost/container/small_vector.hpp>
+
 #include "platform/recorded/codepage.h"
 #include "platform/recorded/hive_file.h"
 #include "platform/recorded/record_error.h"
@@ -86,10 +88,29 @@ void SetFiletime(FILETIME* out, std::uint64_t time) {
 // NUL and the buffer has room, one is added after it (not counted in the size).
 void CopyData(const NarrowData& bytes, DWORD type, BYTE* data, DWORD capacity) {
   if (bytes.size == 0) return;
-  std::memcpy(data, bytes.bytes, bytes.size);
-  if (IsStringType(type) && bytes.size < capacity && bytes.bytes[bytes.size - 1] != 0) {
+  if (bytes.fromAscii) {
+    for (size_t i = 0; i < bytes.size; ++i) data[i] = bytes.bytes[2 * i];
+  } else {
+    std::memcpy(data, bytes.bytes, bytes.size);
+  }
+  if (IsStringType(type) && bytes.size < capacity && data[bytes.size - 1] != 0) {
     data[bytes.size] = 0;
   }
+}
+
+// Text of a call's argument in UTF-16: ASCII (the usual case) widened into `local`,
+// anything else converted into `heap`.
+template <size_t N>
+std::u16string_view Widened(std::string_view text, bool asciiKept, unsigned codePage,
+                            char16_t (&local)[N], std::u16string& heap) {
+  if (asciiKept && text.size() <= N && std::all_of(text.begin(), text.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x80;
+      })) {
+    std::copy(text.begin(), text.end(), local);
+    return std::u16string_view(local, text.size());
+  }
+  heap = AnsiToWide(std::string(text), codePage);
+  return heap;
 }
 
 const RegKey& EmptyKey() {
@@ -184,12 +205,12 @@ size_t RecordedRegistry::openHandleCount() const {
 const RegKey* RecordedRegistry::resolve(const std::vector<std::u16string>& path) const {
   const RegKey* key = path.empty() ? nullptr : tree_.root(path[0]);
   const std::vector<std::u16string_view> parts(path.begin() + (path.empty() ? 0 : 1), path.end());
-  return descend(key, 0, parts);
+  return descend(key, 0, parts.data(), parts.size());
 }
 
 const RegKey* RecordedRegistry::descend(const RegKey* key, size_t depth,
-                                        const std::vector<std::u16string_view>& parts) const {
-  for (size_t i = 0; key && i < parts.size(); ++i, ++depth) {
+                                        const std::u16string_view* parts, size_t count) const {
+  for (size_t i = 0; key && i < count; ++i, ++depth) {
     const RegKey* child = key->findSubKey(parts[i]);
     // CurrentControlSet is a link that Windows makes at boot: Select\Current names the
     // control set (ControlSet001 when the record lacks Select).
@@ -233,14 +254,6 @@ const RegKey* RecordedRegistry::keyOf(HKEY handle, REGSAM need, LONG& status) co
   return key ? key : &EmptyKey();  // a predefined key the record lacks reads as empty
 }
 
-std::u16string RecordedRegistry::widen(std::string_view text) const {
-  if (asciiKept_ && std::all_of(text.begin(), text.end(),
-                                [](char c) { return static_cast<unsigned char>(c) < 0x80; })) {
-    return std::u16string(text.begin(), text.end());
-  }
-  return AnsiToWide(std::string(text), codePage_);
-}
-
 std::string RecordedRegistry::narrow(std::u16string_view text) const {
   if (asciiKept_ && std::all_of(text.begin(), text.end(), [](char16_t c) { return c < 0x80; })) {
     return std::string(text.begin(), text.end());
@@ -249,22 +262,20 @@ std::string RecordedRegistry::narrow(std::u16string_view text) const {
 }
 
 void RecordedRegistry::narrowData(const RegValue& value, NarrowData& out) const {
-  if (!IsStringType(value.type)) {
-    out.bytes = value.data.data();
-    out.size = value.data.size();
-    return;
-  }
+  out.bytes = value.data.data();
+  out.size = value.data.size();
+  if (!IsStringType(value.type)) return;
   // Strings are stored as UTF-16LE; an odd last byte is no character and is dropped.
   const size_t units = value.data.size() / 2;
   const BYTE* data = value.data.data();
   bool ascii = asciiKept_;
   for (size_t i = 0; ascii && i < units; ++i) ascii = data[2 * i] < 0x80 && data[2 * i + 1] == 0;
   if (ascii) {
-    out.converted.resize(units);
-    for (size_t i = 0; i < units; ++i) out.converted[i] = static_cast<char>(data[2 * i]);
-  } else {
-    out.converted = narrow(Utf16FromBytes(data, value.data.size()));
+    out.size = units;
+    out.fromAscii = true;
+    return;
   }
+  out.converted = narrow(Utf16FromBytes(data, value.data.size()));
   out.bytes = reinterpret_cast<const BYTE*>(out.converted.data());
   out.size = out.converted.size();
 }
@@ -298,8 +309,10 @@ LONG RecordedRegistry::RegOpenKeyExA(HKEY root, const char* subKey, DWORD /*opti
     if (reinterpret_cast<std::uintptr_t>(root) != 0x80000000u) return ERROR_BAD_PATHNAME;
     sub.remove_prefix(std::min(sub.find_first_not_of('\\'), sub.size()));
   }
-  const std::u16string wide = widen(sub);
-  std::vector<std::u16string_view> parts;
+  char16_t local[512];
+  std::u16string heap;
+  const std::u16string_view wide = Widened(sub, asciiKept_, codePage_, local, heap);
+  boost::container::small_vector<std::u16string_view, 16> parts;
   for (size_t start = 0; start <= wide.size();) {
     const size_t end = std::min(wide.find(u'\\', start), wide.size());
     if (end > start) parts.emplace_back(wide.data() + start, end - start);
@@ -316,7 +329,7 @@ LONG RecordedRegistry::RegOpenKeyExA(HKEY root, const char* subKey, DWORD /*opti
     if (path.size() != 2 || resolve(redirected)) path = std::move(redirected);
     key = resolve(path);
   } else if (base) {
-    key = descend(base, DepthOf(*base), parts);
+    key = descend(base, DepthOf(*base), parts.data(), parts.size());
   }
   if (!key) return ERROR_FILE_NOT_FOUND;
 
@@ -427,7 +440,10 @@ LONG RecordedRegistry::RegQueryValueExA(HKEY handle, const char* valueName, DWOR
   if (!key) return status;
   if (!data && dataLength) *dataLength = 0;
 
-  const RegValue* value = key->findValue(valueName ? widen(valueName) : std::u16string());
+  char16_t local[64];
+  std::u16string heap;
+  const RegValue* value =
+      key->findValue(Widened(valueName ? valueName : "", asciiKept_, codePage_, local, heap));
   if (!value) return ERROR_FILE_NOT_FOUND;
   NarrowData bytes;
   narrowData(*value, bytes);

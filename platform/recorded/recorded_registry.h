@@ -17,10 +17,12 @@
 namespace platform::recorded {
 
 // A value's data as the narrow calls return it: strings converted to the code page (held
-// in `converted`), other types as stored.
+// in `converted`), other types as stored. ASCII strings are not converted ahead: `bytes`
+// is then their UTF-16LE, narrowed as it is copied.
 struct NarrowData {
   const BYTE* bytes = nullptr;
-  size_t size = 0;
+  size_t size = 0;  // as the caller gets it
+  bool fromAscii = false;
   std::string converted;
 };
 
@@ -87,10 +89,9 @@ class KPLATFORM_API RecordedRegistry : public Registry {
   // missing.
   const RegKey* resolve(const std::vector<std::u16string>& path) const;
   // The key `parts` below `key`, which is `depth` levels below its root.
-  const RegKey* descend(const RegKey* key, size_t depth,
-                        const std::vector<std::u16string_view>& parts) const;
+  const RegKey* descend(const RegKey* key, size_t depth, const std::u16string_view* parts,
+                        size_t count) const;
   const RegKey* keyOf(HKEY handle, REGSAM need, LONG& status) const;
-  std::u16string widen(std::string_view text) const;
   std::string narrow(std::u16string_view text) const;
   void narrowData(const RegValue& value, NarrowData& out) const;
 

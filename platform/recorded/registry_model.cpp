@@ -73,20 +73,31 @@ size_t FoldedHash(std::u16string_view name) {
 
 template <typename T>
 size_t RegKey::NamedList<T>::position(std::u16string_view name) const {
+  const size_t hint = next.load(std::memory_order_relaxed);
+  if (hint < items.size() && items[hint] && NamesEqual(NameOf(*items[hint]), name)) {
+    next.store(static_cast<std::uint32_t>(hint + 1), std::memory_order_relaxed);
+    return hint;
+  }
+  size_t found = items.size();
   if (slots.empty()) {
-    for (size_t i = 0; i < items.size(); ++i) {
-      if (items[i] && NamesEqual(NameOf(*items[i]), name)) return i;
+    for (size_t i = 0; i < items.size() && found == items.size(); ++i) {
+      if (items[i] && NamesEqual(NameOf(*items[i]), name)) found = i;
     }
-    return items.size();
+  } else {
+    const size_t mask = slots.size() - 1;
+    // The table is at most half full, so a free slot ends every probe. Slots of removed
+    // items stay until the next rebuild and are stepped over.
+    for (size_t s = FoldedHash(name) & mask; slots[s] != 0; s = (s + 1) & mask) {
+      const size_t i = slots[s] - 1;
+      if (items[i] && NamesEqual(NameOf(*items[i]), name)) {
+        found = i;
+        break;
+      }
+    }
   }
-  const size_t mask = slots.size() - 1;
-  // The table is at most half full, so a free slot ends every probe. Slots of removed
-  // items stay until the next rebuild and are stepped over.
-  for (size_t s = FoldedHash(name) & mask; slots[s] != 0; s = (s + 1) & mask) {
-    const size_t i = slots[s] - 1;
-    if (items[i] && NamesEqual(NameOf(*items[i]), name)) return i;
-  }
-  return items.size();
+  if (found < items.size())
+    next.store(static_cast<std::uint32_t>(found + 1), std::memory_order_relaxed);
+  return found;
 }
 
 template <typename T>

@@ -139,6 +139,9 @@ class KPLATFORM_API RegKey {
     std::vector<std::uint32_t> slots;  // empty: no index; else 0 = free, n = items[n - 1]
     bool holes = false;
     bool added = false;  // since the last compact()
+    // Where the next lookup looks first: callers often look names up in the order they
+    // were listed (enumerate, then open each). Only a hint, so relaxed.
+    mutable std::atomic<std::uint32_t> next{0};
     T* find(std::u16string_view name) const;
     void add(std::unique_ptr<T> item);
     void remove(std::u16string_view name);
