@@ -2,6 +2,7 @@
 // the one way every collector turns a property map into a committed host instance.
 #pragma once
 
+#include <boost/container/flat_map.hpp>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <map>
@@ -13,8 +14,10 @@
 
 namespace installedapps_col {
 
-using PropertyMap = std::map<std::string, NKestovaTessil20::TCIMValue>;
-using TextRecord = std::map<std::string, std::string>;
+// Sorted by name, as the collectors build and read them; flat, as one is built for every
+// instance and holds a handful of entries.
+using PropertyMap = boost::container::flat_map<std::string, NKestovaTessil20::TCIMValue>;
+using TextRecord = boost::container::flat_map<std::string, std::string>;
 
 // Text to a value of the type a class declares for a property. For collectors that are
 // not GetInfo subclasses; GetInfo offers the same through its own handle.

@@ -3,6 +3,7 @@
 // type turned into text. No handle leaves these functions open.
 #pragma once
 
+#include <boost/container/flat_map.hpp>
 #include <map>
 #include <string>
 #include <utility>
@@ -13,7 +14,8 @@
 namespace installedapps_col {
 
 // Value name (or, from ReadSelectedValues, property name) -> text; each name once.
-using RegistryValueSet = std::map<std::string, std::string>;
+// Flat: one is read for every entry of a key, and holds a handful of names.
+using RegistryValueSet = boost::container::flat_map<std::string, std::string>;
 // Property name -> the registry value that feeds it.
 using ValueNameTable = std::map<std::string, std::string>;
 

@@ -94,10 +94,10 @@ std::vector<std::string> WindowsFixInfo::walkUpdateKey(const std::string& key) {
 void WindowsFixInfo::getPropertiesFromRegistry(std::vector<TextRecord>& records) {
   std::unordered_set<std::string> delivered;
   for (const std::string& key : m_fixKeys) {
-    std::map<std::string, std::string> values = ReadKeyValues(key);
+    RegistryValueSet values = ReadKeyValues(key);
     const std::string::size_type separator = key.rfind('\\');
     if (separator != std::string::npos) {
-      const std::map<std::string, std::string> entry =
+      const RegistryValueSet entry =
           ReadKeyValues(kFixUninstallPath + "\\" + key.substr(separator + 1));
       values.insert(entry.begin(), entry.end());
     }
@@ -109,7 +109,7 @@ void WindowsFixInfo::getPropertiesFromRegistry(std::vector<TextRecord>& records)
 }
 
 TextRecord WindowsFixInfo::translateValueNames(
-    const std::map<std::string, std::string>& values) const {
+    const RegistryValueSet& values) const {
   if (m_valueNames.empty()) return values;
   TextRecord record;
   for (const auto& row : m_valueNames) {

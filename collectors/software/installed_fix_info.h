@@ -31,7 +31,7 @@ class WindowsFixInfo {
   std::vector<std::string> walkUpdateKey(const std::string& key);
 
   // Property -> text for each table row whose registry value `values` holds.
-  TextRecord translateValueNames(const std::map<std::string, std::string>& values) const;
+  TextRecord translateValueNames(const TextRecord& values) const;
 
   const std::vector<std::string>& fixKeys() const { return m_fixKeys; }
 
