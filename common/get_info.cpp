@@ -101,7 +101,9 @@ std::vector<std::string>& GetInfo::fixUpInstance(std::vector<std::string>& fixed
                                                  boost::shared_ptr<ICIMInstance> instance,
                                                  const PropertyMap& properties) {
   boost::shared_ptr<ICIMClass> cls = getClass();
-  std::vector<std::string> declared;
+  // Kept between instances, so that listing the names does not grow a vector each time.
+  std::vector<std::string>& declared = m_declaredNames;
+  declared.clear();
   NKestovaTessil20::TAddKeyNamesToVectorCallback collect(declared);
   cls->EnumeratePropertyNames(collect, TOptions());
   for (const std::string& name : declared) {

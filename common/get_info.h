@@ -71,6 +71,9 @@ class GetInfo {
  protected:
   LogMessage* m_log;
   boost::shared_ptr<NKestovaTessil20::ICIMClass> m_class;
+
+ private:
+  std::vector<std::string> m_declaredNames;  // fixUpInstance's list, reused
 };
 
 }  // namespace installedapps_col

@@ -210,6 +210,7 @@ SelectedValueReader::~SelectedValueReader() {
 RegistryValueSet SelectedValueReader::read(const ValueNameTable& table) const {
   RegistryValueSet values;
   if (m_key == nullptr) return values;
+  values.reserve(table.size());
   for (const auto& row : table) {
     std::string text;
     if (ReadRegistryValue(m_key, row.second, text, m_longestData) == 0 && !text.empty()) {

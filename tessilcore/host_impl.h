@@ -3,6 +3,7 @@
 
 #include <boost/enable_shared_from_this.hpp>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -109,6 +110,10 @@ class TClass : public ICIMClass {
  private:
   THost::Impl* host_;
   TClassPtr decl_;
+  // One declaration object per property, made when first asked for: collectors ask for
+  // one for every property of every instance they build.
+  std::mutex declsMutex_;
+  std::vector<shared_ptr<const ICIMPropertyDecl>> decls_;
 };
 
 class TInstance : public ICIMInstance, public boost::enable_shared_from_this<TInstance> {

@@ -13,6 +13,7 @@ std::uint64_t BuildProductInstances(GetInfo& collector, const std::vector<TextRe
   std::uint64_t count = 0;
   for (const TextRecord& record : records) {
     PropertyMap properties;
+    properties.reserve(record.size() + 2);
     for (const auto& entry : record) {
       collector.getCIMValueForProperty(properties[entry.first], entry.first, entry.second);
     }
