@@ -28,6 +28,7 @@ std::vector<PropertyMap> EnvironmentVariableInfo::getVariables(const std::string
   variables.reserve(values.size());
   for (const auto& value : values) {
     PropertyMap properties;
+    properties.reserve(2);
     properties["SettingID"] = NKestovaTessil20::TCIMValue(value.first);
     properties["SettingValue"] = NKestovaTessil20::TCIMValue(value.second);
     variables.push_back(std::move(properties));
