@@ -4,6 +4,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -16,8 +17,11 @@ namespace bench {
 
 // Queries `classNames` (none: every class the plug-in serves, as `iac collect` does) and
 // reports the instances of the last run as the "instances" counter.
+// With `fresh`, each iteration first installs the machine it answers (not timed): a
+// machine that reads its registry as it is asked (hives) then pays that in every query.
 inline void TimeHostQuery(benchmark::State& state, std::shared_ptr<platform::Machine> machine,
-                          std::vector<std::string> classNames) {
+                          std::vector<std::string> classNames,
+                          const std::function<std::shared_ptr<platform::Machine>()>& fresh = {}) {
   platform::Machine::Install(std::move(machine));
   NKestovaTessil20::THost& host = NKestovaTessil20::THost::Instance();
   host.LoadSchema();
@@ -26,6 +30,12 @@ inline void TimeHostQuery(benchmark::State& state, std::shared_ptr<platform::Mac
   if (classNames.empty()) classNames = host.GetPluginClassNames();
   std::size_t instances = 0;
   for (auto _ : state) {
+    if (fresh) {
+      state.PauseTiming();
+      platform::Machine::Install(nullptr);  // the last one freed before the next is made
+      platform::Machine::Install(fresh());
+      state.ResumeTiming();
+    }
     host.Query(classNames);
     state.PauseTiming();
     instances = 0;
