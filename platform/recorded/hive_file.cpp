@@ -228,7 +228,7 @@ const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std
   return data_ + at + 4;
 }
 
-std::string HiveFile::readKey(std::uint32_t cell, Key& out) const {
+std::string HiveFile::readKey(std::uint32_t cell, Key& out, bool withName) const {
   std::string fault;
   std::size_t length = 0;
   const unsigned char* p = payload(cell, kKeyName, &length, fault);
@@ -236,7 +236,9 @@ std::string HiveFile::readKey(std::uint32_t cell, Key& out) const {
   if (p[0] != 'n' || p[1] != 'k') return "cell " + Hex(cell) + " is no key record";
   const std::size_t nameBytes = Get16(p + kKeyNameLength);
   if (kKeyName + nameBytes > length) return "key record " + Hex(cell) + ": name runs past its cell";
-  out.name = Name(p + kKeyName, nameBytes, (Get16(p + kKeyFlags) & kKeyCompressedName) != 0);
+  if (withName) {
+    out.name = Name(p + kKeyName, nameBytes, (Get16(p + kKeyFlags) & kKeyCompressedName) != 0);
+  }
   out.lastWriteTime = Get64(p + kKeyTime);
   out.subKeyCount = Get32(p + kKeySubKeyCount);
   out.subKeyList = Get32(p + kKeySubKeyList);

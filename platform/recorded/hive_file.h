@@ -44,7 +44,9 @@ class KPLATFORM_API HiveFile {
 
   // Each call answers an empty text on success, else what is wrong, as "sub-key list at
   // 0x2f0 is not a list"; what was read before the fault stays in `out`.
-  std::string readKey(std::uint32_t cell, Key& out) const;
+  // Without `withName`, out.name is left as it was (a key already named needs only its
+  // lists).
+  std::string readKey(std::uint32_t cell, Key& out, bool withName = true) const;
   // The cells of the key's sub-keys, through lf, lh, li and ri lists, at most the count
   // its record declares.
   std::string subKeyCells(const Key& key, std::vector<std::uint32_t>& out) const;

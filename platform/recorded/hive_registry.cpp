@@ -56,7 +56,7 @@ class HiveSource : public KeySource {
     std::lock_guard<std::mutex> lock(mutex_);
     if (key.isLoaded(part)) return;
     HiveFile::Key record;
-    const std::string fault = file_->readKey(key.sourceCell(), record);
+    const std::string fault = file_->readKey(key.sourceCell(), record, false);
     if (!fault.empty()) {
       damaged(key, fault);
     } else if (part == kSubKeys) {
@@ -74,7 +74,7 @@ class HiveSource : public KeySource {
     if (record.subKeyCount > 0 && depth >= kMaxKeyDepth) {
       return damaged(key, "keys nested deeper than 512 levels");
     }
-    std::vector<std::uint32_t> cells;
+    std::vector<std::uint32_t>& cells = cells_;
     const std::string listFault = file_->subKeyCells(record, cells);
     if (!listFault.empty()) damaged(key, listFault);
     for (std::uint32_t cell : cells) {
@@ -109,9 +109,10 @@ class HiveSource : public KeySource {
   }
 
   void loadValues(RegKey& key, const HiveFile::Key& record) {
-    std::vector<std::uint32_t> cells;
+    std::vector<std::uint32_t>& cells = cells_;
     const std::string listFault = file_->valueCells(record, cells);
     if (!listFault.empty()) damaged(key, listFault);
+    key.reserveLoadedValues(cells.size());
     for (std::uint32_t cell : cells) {
       RegValue value;
       const std::string fault = file_->readValue(cell, value);
@@ -160,6 +161,7 @@ class HiveSource : public KeySource {
   LoadBudget budget_;
   std::unique_ptr<std::uint64_t, FreeDeleter> visited_;  // a bit per 4-byte cell offset
   std::mutex mutex_;
+  std::vector<std::uint32_t> cells_;  // the list being loaded, kept for its capacity
 };
 
 }  // namespace

@@ -117,6 +117,7 @@ class KPLATFORM_API RegKey {
   // sub-key of a name already held is answered instead of a new one (`*added` false).
   RegKey& addLoadedSubKey(const std::u16string& name, bool* added);
   void addLoadedValue(RegValue value);  // replaces a value of the same name in place
+  void reserveLoadedValues(size_t count) { values_.items.reserve(values_.items.size() + count); }
   void markLoaded(KeySource::Part part);
   bool isLoaded(KeySource::Part part) const;
 
