@@ -89,19 +89,24 @@ std::unique_ptr<HiveFile> HiveFile::Open(const std::string& path) {
   }
   const auto size = static_cast<std::size_t>(status.st_size);
   if (size >= kFirstBin) {
-    void* mapped = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
-    if (mapped != MAP_FAILED) {
-      hive->mapping_ = mapped;
+    void* reserved = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (reserved != MAP_FAILED) {
+      // Huge pages would make each page read cost 2 MiB of memory.
+      ::madvise(reserved, size, MADV_NOHUGEPAGE);
+      hive->mapping_ = reserved;
       hive->mappingSize_ = size;
-      hive->data_ = static_cast<const unsigned char*>(mapped);
+      hive->data_ = static_cast<const unsigned char*>(reserved);
       hive->size_ = size;
-      // Keys are read where they lie, so read-ahead only fills memory with cells never used.
-      ::madvise(mapped, size, MADV_RANDOM);
+      hive->loaded_.reset(new std::atomic<std::uint64_t>[size / kPage / 64 + 1]());
+      hive->fd_ = fd;
     }
   }
-  ::close(fd);
-  if (hive->mapping_ == nullptr && size >= kFirstBin) {
-    throw RecordError(path + ": not a readable registry hive (cannot map it)");
+  if (hive->fd_ < 0) {
+    ::close(fd);
+    if (size >= kFirstBin) {
+      throw RecordError(path + ": not a readable registry hive (cannot reserve memory for it)");
+    }
   }
 #else
   std::ifstream in(path, std::ios::binary);
@@ -133,6 +138,64 @@ std::unique_ptr<HiveFile> HiveFile::FromShared(std::shared_ptr<const std::string
 HiveFile::~HiveFile() {
 #if !defined(_WIN32)
   if (mapping_ != nullptr) ::munmap(mapping_, mappingSize_);
+  if (fd_ >= 0) ::close(fd_);
+#endif
+}
+
+const unsigned char* HiveFile::bytes(std::size_t at, std::size_t length) const {
+  if (fd_ >= 0 && length > 0) {
+    const std::size_t first = at / kPage, last = (at + length - 1) / kPage;
+    for (std::size_t page = first; page <= last; ++page) {
+      if (!(loaded_[page / 64].load(std::memory_order_acquire) & (std::uint64_t{1} << page % 64))) {
+        readPages(page, last);
+        break;
+      }
+    }
+  }
+  return data_ + at;
+}
+
+// A page that cannot be read (the file shrank, an I/O error) reads as zeros: its cells are
+// then damage, reported as such, rather than a fault of the process as a mapping gives.
+// Reads that follow one another through the file (a whole key tree, written in order) read
+// ahead, in a window that doubles up to 128 KiB; scattered reads (one key) read a page.
+void HiveFile::readPages(std::size_t first, std::size_t last) const {
+#if !defined(_WIN32)
+  std::lock_guard<std::mutex> lock(readMutex_);
+  const auto isLoaded = [this](std::size_t page) {
+    return (loaded_[page / 64].load(std::memory_order_relaxed) >> page % 64) & 1;
+  };
+  constexpr std::size_t kMostAhead = 32;
+  ahead_ = first == nextPage_ ? std::min(ahead_ * 2, kMostAhead) : 1;
+  const std::size_t pages = (size_ + kPage - 1) / kPage;
+  last = std::min(std::max(last, first + ahead_ - 1), pages - 1);
+  auto* memory = static_cast<unsigned char*>(mapping_);
+  for (std::size_t page = first; page <= last;) {
+    if (isLoaded(page)) {
+      ++page;
+      continue;
+    }
+    std::size_t end = page + 1;  // a run of pages not read yet
+    while (end <= last && !isLoaded(end)) ++end;
+    const std::size_t start = page * kPage;
+    const std::size_t want = std::min(end * kPage, size_) - start;
+    std::size_t got = 0;
+    while (got < want) {
+      const ssize_t n =
+          ::pread(fd_, memory + start + got, want - got, static_cast<off_t>(start + got));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    if (got < want) std::memset(memory + start + got, 0, want - got);
+    for (; page < end; ++page) {
+      loaded_[page / 64].fetch_or(std::uint64_t{1} << page % 64, std::memory_order_release);
+    }
+  }
+  nextPage_ = last + 1;
+#else
+  (void)first;
+  (void)last;
 #endif
 }
 
@@ -141,14 +204,16 @@ void HiveFile::check(const std::string& name) {
   auto refuse = [&name](const std::string& why) {
     throw RecordError(name + ": not a readable registry hive (" + why + ")");
   };
-  if (size_ < kFirstBin || std::memcmp(data_, "regf", 4) != 0) refuse("no \"regf\" header");
-  if (Get32(data_ + 0x14) != 1) refuse("format version " + std::to_string(Get32(data_ + 0x14)));
+  if (size_ < kFirstBin) refuse("no \"regf\" header");
+  const unsigned char* base = bytes(0, kFirstBin);
+  if (std::memcmp(base, "regf", 4) != 0) refuse("no \"regf\" header");
+  if (Get32(base + 0x14) != 1) refuse("format version " + std::to_string(Get32(base + 0x14)));
   std::uint32_t sum = 0;
-  for (std::size_t i = 0; i < 0x1FC; i += 4) sum ^= Get32(data_ + i);
+  for (std::size_t i = 0; i < 0x1FC; i += 4) sum ^= Get32(base + i);
   if (sum == 0) sum = 1;
   if (sum == 0xFFFFFFFFu) sum = 0xFFFFFFFEu;
-  if (sum != Get32(data_ + 0x1FC)) refuse("header checksum does not match");
-  const std::size_t bins = Get32(data_ + 0x28);
+  if (sum != Get32(base + 0x1FC)) refuse("header checksum does not match");
+  const std::size_t bins = Get32(base + 0x28);
   if (bins == 0 || bins % kPage != 0) refuse("bins size " + Hex(bins) + " is no multiple of 4 KiB");
   if (bins > size_ - kFirstBin) {
     refuse("the header says " + std::to_string(bins) + " bytes of bins, the file holds " +
@@ -156,7 +221,7 @@ void HiveFile::check(const std::string& name) {
   }
   binsEnd_ = kFirstBin + bins;
   binOfPage_.assign(bins / kPage, 0);
-  root_ = Get32(data_ + 0x24);
+  root_ = Get32(base + 0x24);
   Key key;
   const std::string fault = readKey(root_, key);
   if (!fault.empty()) refuse("root key: " + fault);
@@ -173,7 +238,7 @@ std::uint32_t HiveFile::binOf(std::size_t page) const {
       break;
     }
     const std::size_t start = kFirstBin + q * kPage;
-    const unsigned char* header = data_ + start;
+    const unsigned char* header = bytes(start, kBinHeader);
     if (std::memcmp(header, "hbin", 4) == 0 && Get32(header + 4) == q * kPage) {
       const std::size_t size = Get32(header + 8);
       if (size >= kPage && size % kPage == 0 && size <= binsEnd_ - start) {
@@ -188,7 +253,7 @@ std::uint32_t HiveFile::binOf(std::size_t page) const {
     std::uint32_t bin = found;
     if (bin >= 2) {
       const std::size_t start = bin - 2;
-      if (p >= start + Get32(data_ + kFirstBin + start * kPage + 8) / kPage) bin = 1;
+      if (p >= start + Get32(bytes(kFirstBin + start * kPage + 8, 4)) / kPage) bin = 1;
     }
     binOfPage_[p] = bin;
   }
@@ -199,7 +264,7 @@ bool HiveFile::insideBin(std::size_t at, std::size_t length) const {
   const std::uint32_t bin = binOf((at - kFirstBin) / kPage);
   if (bin < 2) return false;
   const std::size_t start = kFirstBin + (bin - 2) * kPage;
-  return at >= start + kBinHeader && at + length <= start + Get32(data_ + start + 8);
+  return at >= start + kBinHeader && at + length <= start + Get32(bytes(start + 8, 4));
 }
 
 const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std::size_t* length,
@@ -209,7 +274,7 @@ const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std
     fault = "cell " + Hex(cell) + " outside the bins";
     return nullptr;
   }
-  const auto size = static_cast<std::int32_t>(Get32(data_ + at));
+  const auto size = static_cast<std::int32_t>(Get32(bytes(at, 4)));
   const std::int64_t used = -static_cast<std::int64_t>(size);
   if (used < 4 || static_cast<std::uint64_t>(used) > binsEnd_ - at) {
     fault = "cell " + Hex(cell) + (size >= 0 ? " is free" : " has a bad size");
@@ -225,7 +290,7 @@ const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std
     return nullptr;
   }
   if (length) *length = total - 4;
-  return data_ + at + 4;
+  return bytes(at + 4, total - 4);
 }
 
 std::string HiveFile::readKey(std::uint32_t cell, Key& out, bool withName) const {

@@ -4,9 +4,11 @@
 // checked against the file and its bin before it is used: hive files are untrusted input.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -65,13 +67,26 @@ class KPLATFORM_API HiveFile {
   std::string listCells(std::uint32_t list, std::uint32_t declared, bool nested,
                         std::vector<std::uint32_t>& out) const;
 
+  // The bytes at `at`, read in first when the file is read by pages.
+  const unsigned char* bytes(std::size_t at, std::size_t length) const;
+  void readPages(std::size_t first, std::size_t last) const;
+
   const unsigned char* data_ = nullptr;
   std::size_t size_ = 0;
   std::size_t binsEnd_ = 0;  // end of the last bin, as the header says
   std::uint32_t root_ = 0;
   std::shared_ptr<const std::string> bytes_;  // the file's bytes when they are not mapped
+  // A file on disk is read a page at a time, when a cell there is first wanted, into
+  // memory reserved for the whole file: a query pays for the pages it reads. (A mapping of
+  // the file would do the same, but a fault on a mapped file maps the pages around it too,
+  // 16 of them, which a query of one key pays for many times over.)
   void* mapping_ = nullptr;
   std::size_t mappingSize_ = 0;
+  int fd_ = -1;
+  std::unique_ptr<std::atomic<std::uint64_t>[]> loaded_;  // a bit per page read
+  mutable std::mutex readMutex_;
+  mutable std::size_t nextPage_ = 0;  // the page after the last read
+  mutable std::size_t ahead_ = 1;     // pages read at once, while reads follow on
   // The bin of each page of the bins, found when a cell there is first read: 0 not looked
   // for yet, 1 in no bin, else 2 + the page its bin starts at. Each page is looked at once,
   // so finding bins costs at most one pass over the file whatever the cells point at.
