@@ -106,6 +106,32 @@ TEST(HiveFile, DamagedRealHiveReadsUpToItsDamage) {
   }
 }
 
+// A hive file that shrinks while it is open (another process truncates it): what lay past
+// the new end reads as damage, not as a fault of the process. Pages already read stay.
+TEST(HiveFile, FileCutWhileOpenReadsTheRestAsDamage) {
+  const std::string source = HiveDir() + "/win7-NTUSER.DAT";
+  if (!std::filesystem::exists(source)) GTEST_SKIP() << "no real data";
+  const std::string path = ::testing::TempDir() + "/cut-NTUSER.DAT";
+  std::filesystem::copy_file(source, path, std::filesystem::copy_options::overwrite_existing);
+  std::filesystem::permissions(path, std::filesystem::perms::owner_write,
+                               std::filesystem::perm_options::add);
+  std::function<size_t(const RegKey&)> count = [&](const RegKey& key) {
+    size_t n = 1 + key.valueCount();
+    for (size_t i = 0; i < key.subKeyCount(); ++i) n += count(key.subKey(i));
+    return n;
+  };
+  RecordedRegistry whole, cut;
+  whole.loadHive(path, Mount::NtUser);
+  cut.loadHive(path, Mount::NtUser);
+  const size_t all = count(MountKey(whole, Mount::NtUser));
+  std::filesystem::resize_file(path, std::filesystem::file_size(path) / 2);
+  const size_t kept = count(MountKey(cut, Mount::NtUser));
+  EXPECT_GT(kept, 1u);
+  EXPECT_LT(kept, all);
+  EXPECT_FALSE(cut.tree().damage().empty());
+  std::filesystem::remove(path);
+}
+
 namespace {
 
 // tests/fixtures/hostile/parent-keys.hive is parent-keys.reg merged into the empty hive of
