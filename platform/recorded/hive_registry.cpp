@@ -77,6 +77,7 @@ class HiveSource : public KeySource {
     std::vector<std::uint32_t>& cells = cells_;
     const std::string listFault = file_->subKeyCells(record, cells);
     if (!listFault.empty()) damaged(key, listFault);
+    key.reserveLoadedSubKeys(cells.size());
     for (std::uint32_t cell : cells) {
       HiveFile::Key child;
       const std::string fault = file_->readKey(cell, child);
@@ -98,9 +99,9 @@ class HiveSource : public KeySource {
       }
       if (!budget_.chargeKey(child.name)) return overBudget(key);
       bool added = false;
-      RegKey& sub = key.addLoadedSubKey(child.name, &added);
+      RegKey& sub = key.addLoadedSubKey(std::move(child.name), &added);
       if (!added && sub.isBound()) {
-        damaged(key, "two sub-keys named " + QuoteForMessage(child.name));
+        damaged(key, "two sub-keys named " + QuoteForMessage(sub.name()));
         continue;
       }
       sub.setLastWriteTime(child.lastWriteTime);

@@ -109,18 +109,26 @@ void RegKey::NamedList<T>::insertSlot(size_t position) {
 }
 
 template <typename T>
-void RegKey::NamedList<T>::buildIndex() {
-  if (items.size() <= kIndexThreshold) {
+void RegKey::NamedList<T>::buildIndex(size_t capacity) {
+  capacity = std::max(capacity, items.size());
+  if (capacity <= kIndexThreshold) {
     slots.clear();
     slots.shrink_to_fit();
     return;
   }
   size_t size = 16;
-  while (size < items.size() * 2 + 2) size *= 2;
+  while (size < capacity * 2 + 2) size *= 2;
   slots.assign(size, 0);
   for (size_t i = 0; i < items.size(); ++i) {
     if (items[i]) insertSlot(i);
   }
+}
+
+template <typename T>
+void RegKey::NamedList<T>::reserve(size_t more) {
+  const size_t capacity = items.size() + more;
+  items.reserve(capacity);
+  if (capacity > kIndexThreshold && capacity * 2 + 2 > slots.size()) buildIndex(capacity);
 }
 
 template <typename T>
@@ -150,7 +158,7 @@ void RegKey::NamedList<T>::remove(std::u16string_view name) {
 
 template <typename T>
 void RegKey::NamedList<T>::compact(bool sortByName) {
-  const bool sort = sortByName && added;
+  bool sort = sortByName && added;
   added = false;
   if (!holes && !sort) return;
   bool moved = holes;
@@ -162,22 +170,35 @@ void RegKey::NamedList<T>::compact(bool sortByName) {
     items.resize(kept);
     holes = false;
   }
+  // Lists usually come in order already (a hive's, an export's); that is checked without
+  // folding every name into a copy.
+  const auto foldedLess = [](const std::u16string& a, const std::u16string& b) {
+    const size_t n = std::min(a.size(), b.size());
+    for (size_t i = 0; i < n; ++i) {
+      const char16_t x = UpcaseChar(a[i]), y = UpcaseChar(b[i]);
+      if (x != y) return x < y;
+    }
+    return a.size() < b.size();
+  };
+  if (sort && std::is_sorted(items.begin(), items.end(), [&](const auto& a, const auto& b) {
+        return foldedLess(NameOf(*a), NameOf(*b));
+      })) {
+    sort = false;
+  }
   if (sort) {
     std::vector<std::u16string> folded(items.size());
     for (size_t i = 0; i < items.size(); ++i) folded[i] = FoldName(NameOf(*items[i]));
     // Windows' hive index orders sub-keys by their upper-cased UTF-16 units. Folded names
     // are unique within a key, so stability only keeps the sort predictable.
-    if (!std::is_sorted(folded.begin(), folded.end())) {
-      std::vector<size_t> order(items.size());
-      std::iota(order.begin(), order.end(), size_t{0});
-      std::stable_sort(order.begin(), order.end(),
-                       [&folded](size_t a, size_t b) { return folded[a] < folded[b]; });
-      std::vector<std::unique_ptr<T>> sorted;
-      sorted.reserve(items.size());
-      for (size_t i : order) sorted.push_back(std::move(items[i]));
-      items = std::move(sorted);
-      moved = true;
-    }
+    std::vector<size_t> order(items.size());
+    std::iota(order.begin(), order.end(), size_t{0});
+    std::stable_sort(order.begin(), order.end(),
+                     [&folded](size_t a, size_t b) { return folded[a] < folded[b]; });
+    std::vector<std::unique_ptr<T>> sorted;
+    sorted.reserve(items.size());
+    for (size_t i : order) sorted.push_back(std::move(items[i]));
+    items = std::move(sorted);
+    moved = true;
   }
   if (moved) buildIndex();
 }
@@ -201,12 +222,12 @@ RegKey& RegKey::ensureSubKey(const std::u16string& name, bool* added) {
   return addLoadedSubKey(name, added);
 }
 
-RegKey& RegKey::addLoadedSubKey(const std::u16string& name, bool* added) {
+RegKey& RegKey::addLoadedSubKey(std::u16string name, bool* added) {
   if (RegKey* existing = subKeys_.find(name)) {
     if (added) *added = false;
     return *existing;
   }
-  subKeys_.add(std::make_unique<RegKey>(name));
+  subKeys_.add(std::make_unique<RegKey>(std::move(name)));
   subKeys_.items.back()->parent_ = this;
   if (added) *added = true;
   return *subKeys_.items.back();
@@ -255,6 +276,14 @@ void RegKey::bindSource(KeySource* source, std::uint32_t cell) {
   source_ = source;
   cell_ = cell;
   pending_.store(KeySource::kSubKeys | KeySource::kValues, std::memory_order_release);
+}
+
+void RegKey::reserveLoadedSubKeys(size_t count) {
+  subKeys_.reserve(count);
+}
+
+void RegKey::reserveLoadedValues(size_t count) {
+  values_.reserve(count);
 }
 
 void RegKey::markLoaded(KeySource::Part part) {

@@ -115,9 +115,11 @@ class KPLATFORM_API RegKey {
   bool isBound() const { return source_ != nullptr; }
   // For a KeySource while it fills this key: adds without asking the source again. A
   // sub-key of a name already held is answered instead of a new one (`*added` false).
-  RegKey& addLoadedSubKey(const std::u16string& name, bool* added);
+  RegKey& addLoadedSubKey(std::u16string name, bool* added);
   void addLoadedValue(RegValue value);  // replaces a value of the same name in place
-  void reserveLoadedValues(size_t count) { values_.items.reserve(values_.items.size() + count); }
+  // Room for `count` more, so that a long list is not regrown (and reindexed) as it fills.
+  void reserveLoadedSubKeys(size_t count);
+  void reserveLoadedValues(size_t count);
   void markLoaded(KeySource::Part part);
   bool isLoaded(KeySource::Part part) const;
 
@@ -147,11 +149,12 @@ class KPLATFORM_API RegKey {
     void add(std::unique_ptr<T> item);
     void remove(std::u16string_view name);
     void compact(bool sortByName);
+    void reserve(size_t more);
 
    private:
     size_t position(std::u16string_view name) const;  // items.size() when absent
     void insertSlot(size_t position);
-    void buildIndex();
+    void buildIndex(size_t capacity = 0);  // slots for at least `capacity` items
   };
 
   std::u16string name_;
