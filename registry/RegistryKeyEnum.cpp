@@ -1,6 +1,7 @@
 #include "registry/RegistryKeyEnum.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -90,6 +91,39 @@ std::string DwordText(const BYTE* data, DWORD size) {
   return std::to_string(value);
 }
 
+// Sorts by name as a map orders names (bytes as unsigned), equal names in the order they
+// came. The sort runs on each name's first 16 bytes held as two integers, so that most
+// comparisons read no string: a key can hold many thousands of values, and comparing
+// their names where they lie made the sort a fifth of the environment query.
+void SortByName(RegistryValueList& values) {
+  struct Entry {
+    std::uint64_t high, low;
+    std::size_t index;
+  };
+  const auto bytes = [](const std::string& name, std::size_t from) {
+    std::uint64_t packed = 0;
+    for (std::size_t i = from; i < from + 8; ++i) {
+      packed = packed << 8 | (i < name.size() ? static_cast<unsigned char>(name[i]) : 0u);
+    }
+    return packed;
+  };
+  std::vector<Entry> order(values.size());
+  for (std::size_t i = 0; i < values.size(); ++i) {
+    order[i] = {bytes(values[i].first, 0), bytes(values[i].first, 8), i};
+  }
+  // Names hold no NUL, so equal prefixes mean equal names up to 16 bytes.
+  std::sort(order.begin(), order.end(), [&values](const Entry& a, const Entry& b) {
+    if (a.high != b.high) return a.high < b.high;
+    if (a.low != b.low) return a.low < b.low;
+    const int tail = values[a.index].first.compare(values[b.index].first);
+    return tail != 0 ? tail < 0 : a.index < b.index;
+  });
+  RegistryValueList sorted;
+  sorted.reserve(values.size());
+  for (const Entry& entry : order) sorted.push_back(std::move(values[entry.index]));
+  values = std::move(sorted);
+}
+
 }  // namespace
 
 int OpenRegistryKey(HKEY& key, HKEY root, const std::string& path) {
@@ -158,8 +192,7 @@ RegistryValueList EnumerateValueList(HKEY key) {
   }
   // Two names can narrow to one (characters the code page lacks become '?'): the first
   // enumerated stays, as a map's emplace keeps it.
-  std::stable_sort(values.begin(), values.end(),
-                   [](const auto& a, const auto& b) { return a.first < b.first; });
+  SortByName(values);
   values.erase(std::unique(values.begin(), values.end(),
                            [](const auto& a, const auto& b) { return a.first == b.first; }),
                values.end());

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "plugin/fake_machine.h"
@@ -291,6 +294,38 @@ TEST_F(RegistryHelpersTest, ValueListIsInNameOrderFirstOfEqualNamesKept) {
   const RegistryValueList expected = {{"Z", "upper"}, {"a", "1"}, {"a?", "first"}, {"b", "2"}};
   EXPECT_EQ(list, expected);
   EXPECT_EQ(EnumerateValues(key), RegistryValueSet(expected.begin(), expected.end()));
+  CloseRegistryKey(key);
+}
+
+// Names that share their first 8 or 16 bytes or more, names that begin others, bytes
+// above 0x7F (after every ASCII one): listed in the order a map gives the narrowed names.
+TEST_F(RegistryHelpersTest, ValueListOrderIsAMapsWhateverTheNames) {
+  const std::vector<std::pair<std::string, std::string>> names = {
+      // as written (UTF-8), as narrowed (code page 1252)
+      {"SYS_ALPHA_000123_B", "SYS_ALPHA_000123_B"},
+      {"SYS_ALPHA_000123", "SYS_ALPHA_000123"},
+      {"SYS_ALPHA_000123_A", "SYS_ALPHA_000123_A"},
+      {"SYS_ALPH", "SYS_ALPH"},
+      {"SYS_ALPHA_00012", "SYS_ALPHA_00012"},
+      {"SYS_\xc3\xa9", "SYS_\xe9"},
+      {"SYS_z", "SYS_z"},
+      {"SYS_ALPHA_000123_A_LONGER_STILL", "SYS_ALPHA_000123_A_LONGER_STILL"},
+      {"sys", "sys"},
+      {"SYS_ALPHB", "SYS_ALPHB"},
+      {"\xc3\xa9t\xc3\xa9", "\xe9t\xe9"},
+      {"A", "A"},
+  };
+  std::string text =
+      "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Env]\n";
+  std::map<std::string, std::string> expected;
+  for (size_t i = 0; i < names.size(); ++i) {
+    text += "\"" + names[i].first + "\"=\"" + std::to_string(i) + "\"\n";
+    expected.emplace(names[i].second, std::to_string(i));
+  }
+  load({{"registry/r.reg", text}});
+  HKEY key = nullptr;
+  ASSERT_EQ(OpenRegistryKey(key, platform::HKEY_LOCAL_MACHINE, "SOFTWARE\\Env"), 0);
+  EXPECT_EQ(EnumerateValueList(key), RegistryValueList(expected.begin(), expected.end()));
   CloseRegistryKey(key);
 }
 
