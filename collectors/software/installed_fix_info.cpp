@@ -108,8 +108,7 @@ void WindowsFixInfo::getPropertiesFromRegistry(std::vector<TextRecord>& records)
   }
 }
 
-TextRecord WindowsFixInfo::translateValueNames(
-    const RegistryValueSet& values) const {
+TextRecord WindowsFixInfo::translateValueNames(const RegistryValueSet& values) const {
   if (m_valueNames.empty()) return values;
   TextRecord record;
   for (const auto& row : m_valueNames) {
