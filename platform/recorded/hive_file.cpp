@@ -63,11 +63,11 @@ std::string Hex(std::size_t value) {
 // Names are Latin-1 bytes when the record says "compressed" (the low bytes of UTF-16
 // units), else UTF-16LE; an odd last byte of the latter belongs to no character.
 std::u16string Name(const unsigned char* p, std::size_t bytes, bool compressed) {
-  std::u16string name;
+  // Sized once and filled: assigning from a byte range would build a temporary string.
+  std::u16string name(compressed ? bytes : bytes / 2, u'\0');
   if (compressed) {
-    name.assign(p, p + bytes);
+    for (std::size_t i = 0; i < name.size(); ++i) name[i] = p[i];
   } else {
-    name.resize(bytes / 2);
     for (std::size_t i = 0; i < name.size(); ++i) name[i] = Get16(p + 2 * i);
   }
   return name;
