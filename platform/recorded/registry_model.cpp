@@ -53,7 +53,15 @@ std::u16string FoldName(const std::u16string& name) {
 bool NamesEqual(std::u16string_view a, std::u16string_view b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {
-    if (a[i] != b[i] && UpcaseChar(a[i]) != UpcaseChar(b[i])) return false;
+    const char16_t x = a[i], y = b[i];
+    if (x == y) continue;
+    // Two ASCII characters match only as the two cases of one letter.
+    if (x < 0x80 && y < 0x80) {
+      const char16_t lower = x | 0x20;
+      if ((x ^ y) != 0x20 || lower < u'a' || lower > u'z') return false;
+    } else if (UpcaseChar(x) != UpcaseChar(y)) {
+      return false;
+    }
   }
   return true;
 }

@@ -9,6 +9,7 @@
 
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_registry.h"
+#include "platform/recorded/registry_model.h"
 
 using namespace platform;
 using platform::recorded::RecordedRegistry;
@@ -192,6 +193,25 @@ TEST(RegistryOpen, CurrentControlSetFollowsSelectCurrent) {
   key = Open(*literal, "SYSTEM\\CurrentControlSet\\Control");
   EXPECT_EQ(ReadString(*literal, key, "X"), "as is");
   literal->RegCloseKey(key);
+}
+
+// Names compare as Windows compares them, after upcasing each unit; the shortcut for two
+// ASCII characters must agree with that for every pair.
+TEST(RegistryNames, CompareAsUpcasedUnits) {
+  std::vector<char16_t> units;
+  for (char16_t c = 0; c < 0x500; ++c) units.push_back(c);
+  for (char16_t c = 0xFF00; c < 0xFF80; ++c) units.push_back(c);
+  size_t wrong = 0;
+  for (char16_t x : units) {
+    for (char16_t y : units) {
+      const bool same = recorded::UpcaseChar(x) == recorded::UpcaseChar(y);
+      const std::u16string a{u'k', x}, b{u'K', y};
+      if (recorded::NamesEqual(a, b) != same && ++wrong <= 5) {
+        ADD_FAILURE() << std::hex << "U+" << int(x) << " and U+" << int(y);
+      }
+    }
+  }
+  EXPECT_EQ(wrong, 0u);
 }
 
 // A load while handles are open: each handle finds its key again by path, a removed key
