@@ -164,6 +164,7 @@ def query_only(args):
     try:
         run = subprocess.run([os.path.join(args.bin, "ia_bench"),
                               "--benchmark_filter=^Synthetic(First)?Query/",
+                              "--benchmark_repetitions=%d" % args.query_runs,
                               "--benchmark_out=" + out.name, "--benchmark_out_format=json"],
                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                              env=dict(os.environ, IA_SYNTHETIC_DIR=args.synthetic))
@@ -174,10 +175,18 @@ def query_only(args):
     finally:
         os.unlink(out.name)
     factor = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
-    # A fixed iteration count shows in the name ("/iterations:3").
-    return {b["name"].split("/iterations:")[0]: (b["real_time"] * factor[b["time_unit"]],
-                                                 b["cpu_time"] * factor[b["time_unit"]])
-            for b in report["benchmarks"] if "error_message" not in b}
+    # The least of the repetitions: other work on a shared machine only ever adds time. A
+    # fixed iteration count shows in the name ("/iterations:3").
+    least = {}
+    for b in report["benchmarks"]:
+        if "error_message" in b or b.get("run_type", "iteration") != "iteration":
+            continue
+        name = b["run_name"] if "run_name" in b else b["name"]
+        name = name.split("/iterations:")[0]
+        times = (b["real_time"] * factor[b["time_unit"]], b["cpu_time"] * factor[b["time_unit"]])
+        if name not in least or times[1] < least[name][1]:
+            least[name] = times
+    return least
 
 
 def synthetic_figures(table, args, queries):
@@ -238,6 +247,8 @@ def main():
         os.path.dirname(os.path.abspath(__file__)), "..", "..", "shared", "realdata"))
     parser.add_argument("--runs", type=int, default=11, help="runs of small cases")
     parser.add_argument("--big-runs", type=int, default=3, help="runs of 100,000-entry cases")
+    parser.add_argument("--query-runs", type=int, default=3,
+                        help="repetitions of each in-process query benchmark (the least counts)")
     args = parser.parse_args()
 
     table = Table()
