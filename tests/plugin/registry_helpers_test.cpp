@@ -31,6 +31,7 @@ class SpyRegistry : public platform::Registry {
   explicit SpyRegistry(platform::Registry& inner) : inner_(inner) {}
   std::vector<REGSAM> masks;
   std::vector<DWORD> valueNameBuffers;
+  DWORD failEnumKeyAt = ~DWORD{0};  // the sub-key index whose RegEnumKeyExA fails
 
   LONG RegOpenKeyExA(HKEY root, const char* subKey, DWORD options, REGSAM sam,
                      HKEY* result) override {
@@ -45,6 +46,7 @@ class SpyRegistry : public platform::Registry {
   }
   LONG RegEnumKeyExA(HKEY key, DWORD index, char* name, DWORD* length, DWORD* reserved, char* c,
                      DWORD* cl, platform::FILETIME* t) override {
+    if (index == failEnumKeyAt) return platform::ERROR_MORE_DATA;
     return inner_.RegEnumKeyExA(key, index, name, length, reserved, c, cl, t);
   }
   LONG RegEnumValueA(HKEY key, DWORD index, char* name, DWORD* length, DWORD* reserved, DWORD* type,
@@ -243,6 +245,11 @@ TEST_F(RegistryHelpersTest, SubKeysAreFullPathsInRegistryOrder) {
   EXPECT_TRUE(EnumerateSubKeyNames(kUninstall + "\\App").empty());
   EXPECT_TRUE(EnumerateSubKeyNames(kUninstall + "\\Missing").empty());
   EXPECT_TRUE(machine->fake.assertions.empty());
+  // A call that fails leaves the entry empty, not the name before it.
+  machine->spy->failEnumKeyAt = 2;
+  EXPECT_EQ(EnumerateSubKeyNames(kUninstall),
+            (std::vector<std::string>{kUninstall + "\\App", kUninstall + "\\Legacy",
+                                      kUninstall + "\\", kUninstall + "\\NoVersion"}));
 }
 
 TEST_F(RegistryHelpersTest, AssertionsReportAndReturn) {
