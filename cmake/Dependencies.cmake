@@ -39,4 +39,14 @@ else()
   # libntfs-3g reads NTFS inside disk images (iac collect --image); docs/images.md.
   pkg_check_modules(NTFS3G REQUIRED IMPORTED_TARGET libntfs-3g)
   set(IA_HAVE_NTFS3G ON)
+  # kplatform loads the library by this name when an NTFS image is first opened, rather
+  # than linking it: most runs read no image.
+  find_library(IA_NTFS3G_FILE NAMES ntfs-3g HINTS ${NTFS3G_LIBRARY_DIRS} REQUIRED)
+  execute_process(COMMAND ${CMAKE_OBJDUMP} -p ${IA_NTFS3G_FILE} OUTPUT_VARIABLE ia_ntfs3g_dump
+                  RESULT_VARIABLE ia_ntfs3g_status)
+  string(REGEX MATCH "SONAME +([^ \n]+)" ia_ntfs3g_soname "${ia_ntfs3g_dump}")
+  if(NOT ia_ntfs3g_status EQUAL 0 OR NOT CMAKE_MATCH_1)
+    message(FATAL_ERROR "cannot read the SONAME of ${IA_NTFS3G_FILE}")
+  endif()
+  set(IA_NTFS3G_SONAME ${CMAKE_MATCH_1})
 endif()

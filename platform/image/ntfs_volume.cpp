@@ -1,5 +1,6 @@
 #include "platform/image/ntfs_volume.h"
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,6 +10,8 @@
 #include <algorithm>
 #include <cstring>
 #include <mutex>
+#include <string>
+#include <type_traits>
 
 extern "C" {
 #include <ntfs-3g/attrib.h>
@@ -34,6 +37,73 @@ namespace {
 // A directory listing longer than this is taken as a damaged index.
 constexpr std::size_t kMaxEntries = 1u << 20;
 constexpr u64 kNotFound = static_cast<u64>(-1);
+
+// The library is loaded when the first NTFS image is opened, not linked: most runs read no
+// image, and the plug-in module, which links this code, should not carry the library.
+struct NtfsLibrary {
+  decltype(&::ntfs_log_set_handler) log_set_handler;
+  decltype(&::ntfs_log_handler_null) log_handler_null;
+  decltype(&::ntfs_device_alloc) device_alloc;
+  decltype(&::ntfs_device_free) device_free;
+  decltype(&::ntfs_device_mount) device_mount;
+  decltype(&::ntfs_umount) umount;
+  decltype(&::ntfs_inode_open) inode_open;
+  decltype(&::ntfs_inode_close) inode_close;
+  decltype(&::ntfs_inode_lookup_by_name) inode_lookup_by_name;
+  decltype(&::ntfs_readdir) readdir;
+  decltype(&::ntfs_names_are_equal) names_are_equal;
+  decltype(&::ntfs_attr_open) attr_open;
+  decltype(&::ntfs_attr_close) attr_close;
+  decltype(&::ntfs_attr_pread) attr_pread;
+  ntfschar* unnamed;  // AT_UNNAMED: the library tells the unnamed stream by this address
+};
+
+// The loaded library (kept for the life of the process); null, with the reason in `why`,
+// when it cannot be loaded.
+const NtfsLibrary* Ntfs(std::string* why = nullptr) {
+  static NtfsLibrary library;
+  static bool loaded = false;
+  static std::string failure;
+  static std::once_flag once;
+  std::call_once(once, [] {
+    void* handle = ::dlopen(KPLATFORM_NTFS_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+      const char* error = ::dlerror();
+      failure = std::string("the NTFS library ") + KPLATFORM_NTFS_LIBRARY + " cannot be loaded (" +
+                (error ? error : "unknown error") + ")";
+      return;
+    }
+    bool complete = true;
+    const auto bind = [&](auto& slot, const char* name) {
+      slot = reinterpret_cast<std::remove_reference_t<decltype(slot)>>(::dlsym(handle, name));
+      if (slot == nullptr && complete) {
+        complete = false;
+        failure = std::string("the NTFS library ") + KPLATFORM_NTFS_LIBRARY + " lacks " + name;
+      }
+    };
+    bind(library.log_set_handler, "ntfs_log_set_handler");
+    bind(library.log_handler_null, "ntfs_log_handler_null");
+    bind(library.device_alloc, "ntfs_device_alloc");
+    bind(library.device_free, "ntfs_device_free");
+    bind(library.device_mount, "ntfs_device_mount");
+    bind(library.umount, "ntfs_umount");
+    bind(library.inode_open, "ntfs_inode_open");
+    bind(library.inode_close, "ntfs_inode_close");
+    bind(library.inode_lookup_by_name, "ntfs_inode_lookup_by_name");
+    bind(library.readdir, "ntfs_readdir");
+    bind(library.names_are_equal, "ntfs_names_are_equal");
+    bind(library.attr_open, "ntfs_attr_open");
+    bind(library.attr_close, "ntfs_attr_close");
+    bind(library.attr_pread, "ntfs_attr_pread");
+    bind(library.unnamed, "AT_UNNAMED");
+    if (!complete) return;
+    // The library logs faults of damaged volumes on stderr; callers get them as answers.
+    library.log_set_handler(library.log_handler_null);
+    loaded = true;
+  });
+  if (!loaded && why != nullptr) *why = failure;
+  return loaded ? &library : nullptr;
+}
 
 // The byte range of the image that the library sees as its whole device. Writes are refused
 // whatever the mount flags say.
@@ -143,12 +213,12 @@ std::vector<ntfschar> ToNtfs(const std::u16string& text) {
 }
 
 struct InodeCloser {
-  void operator()(ntfs_inode* inode) const { ntfs_inode_close(inode); }
+  void operator()(ntfs_inode* inode) const { Ntfs()->inode_close(inode); }
 };
 using Inode = std::unique_ptr<ntfs_inode, InodeCloser>;
 
 struct AttrCloser {
-  void operator()(ntfs_attr* attr) const { ntfs_attr_close(attr); }
+  void operator()(ntfs_attr* attr) const { Ntfs()->attr_close(attr); }
 };
 using Attr = std::unique_ptr<ntfs_attr, AttrCloser>;
 
@@ -172,9 +242,9 @@ int Collect(void* context, const ntfschar* name, const int length, const int typ
                     (length == 1 || le16_to_cpu(name[1]) == u'.');
   if (dots) return 0;
   if (scan.wanted != nullptr) {
-    if (ntfs_names_are_equal(name, static_cast<std::size_t>(length), scan.wanted->data(),
-                             scan.wanted->size(), IGNORE_CASE, scan.volume->upcase,
-                             scan.volume->upcase_len)) {
+    if (Ntfs()->names_are_equal(name, static_cast<std::size_t>(length), scan.wanted->data(),
+                                scan.wanted->size(), IGNORE_CASE, scan.volume->upcase,
+                                scan.volume->upcase_len)) {
       scan.found = ref;
       return 1;
     }
@@ -188,19 +258,13 @@ int Collect(void* context, const ntfschar* name, const int length, const int typ
   return 0;
 }
 
-void SilenceLibrary() {
-  static std::once_flag once;
-  // The library logs faults of damaged volumes on stderr; callers get them as answers.
-  std::call_once(once, [] { ntfs_log_set_handler(ntfs_log_handler_null); });
-}
-
 class NtfsVolume : public Volume {
  public:
   NtfsVolume(int fd, std::unique_ptr<Range> range, ntfs_volume* volume, std::string description)
       : fd_(fd), range_(std::move(range)), volume_(volume), description_(std::move(description)) {}
 
   ~NtfsVolume() override {
-    ntfs_umount(volume_, FALSE);
+    Ntfs()->umount(volume_, FALSE);
     ::close(fd_);
   }
 
@@ -214,7 +278,7 @@ class NtfsVolume : public Volume {
     std::lock_guard<std::mutex> lock(mutex_);
     const Inode inode = open(path);
     if (!inode || IsDirectoryInode(inode.get())) return std::nullopt;
-    const Attr data(ntfs_attr_open(inode.get(), AT_DATA, AT_UNNAMED, 0));
+    const Attr data(Ntfs()->attr_open(inode.get(), AT_DATA, Ntfs()->unnamed, 0));
     if (!data || data->data_size < 0) return std::nullopt;
     return static_cast<std::uint64_t>(data->data_size);
   }
@@ -223,14 +287,14 @@ class NtfsVolume : public Volume {
     std::lock_guard<std::mutex> lock(mutex_);
     const Inode inode = open(path);
     if (!inode || IsDirectoryInode(inode.get())) return std::nullopt;
-    const Attr data(ntfs_attr_open(inode.get(), AT_DATA, AT_UNNAMED, 0));
+    const Attr data(Ntfs()->attr_open(inode.get(), AT_DATA, Ntfs()->unnamed, 0));
     if (!data || data->data_size < 0 || static_cast<std::uint64_t>(data->data_size) > maxBytes) {
       return std::nullopt;
     }
     std::string bytes(static_cast<std::size_t>(data->data_size), '\0');
     s64 done = 0;
     while (done < data->data_size) {
-      const s64 got = ntfs_attr_pread(data.get(), done, data->data_size - done, &bytes[done]);
+      const s64 got = Ntfs()->attr_pread(data.get(), done, data->data_size - done, &bytes[done]);
       if (got <= 0) return std::nullopt;
       done += got;
     }
@@ -245,7 +309,7 @@ class NtfsVolume : public Volume {
     scan.volume = volume_;
     scan.root = inode->mft_no == FILE_root;
     s64 position = 0;
-    ntfs_readdir(inode.get(), &position, &scan, Collect);
+    Ntfs()->readdir(inode.get(), &position, &scan, Collect);
     return scan.names;
   }
 
@@ -260,23 +324,23 @@ class NtfsVolume : public Volume {
   Inode open(const std::string& path) {
     const auto names = SplitVolumePath(path);
     if (!names) return nullptr;
-    Inode current(ntfs_inode_open(volume_, FILE_root));
+    Inode current(Ntfs()->inode_open(volume_, FILE_root));
     for (const std::string& name : *names) {
       if (!current || !IsDirectoryInode(current.get())) return nullptr;
       const std::vector<ntfschar> wanted = ToNtfs(recorded::Utf8ToWide(name));
       if (wanted.empty() || wanted.size() > 255) return nullptr;
-      u64 ref =
-          ntfs_inode_lookup_by_name(current.get(), wanted.data(), static_cast<int>(wanted.size()));
+      u64 ref = Ntfs()->inode_lookup_by_name(current.get(), wanted.data(),
+                                             static_cast<int>(wanted.size()));
       if (ref == kNotFound) {
         Scan scan;
         scan.volume = volume_;
         scan.wanted = &wanted;
         s64 position = 0;
-        ntfs_readdir(current.get(), &position, &scan, Collect);
+        Ntfs()->readdir(current.get(), &position, &scan, Collect);
         ref = scan.found;
       }
       if (ref == kNotFound) return nullptr;
-      current.reset(ntfs_inode_open(volume_, ref));
+      current.reset(Ntfs()->inode_open(volume_, ref));
     }
     return current;
   }
@@ -293,7 +357,7 @@ class NtfsVolume : public Volume {
 std::unique_ptr<Volume> OpenNtfsVolume(const std::string& imagePath, std::uint64_t offset,
                                        std::uint64_t length, const std::string& description,
                                        std::string& why) {
-  SilenceLibrary();
+  if (Ntfs(&why) == nullptr) return nullptr;
   const int fd = ::open(imagePath.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     why = std::strerror(errno);
@@ -304,16 +368,16 @@ std::unique_ptr<Volume> OpenNtfsVolume(const std::string& imagePath, std::uint64
   range->offset = offset;
   range->length = length;
   struct ntfs_device* device =
-      ntfs_device_alloc(description.c_str(), 0, &kRangeOperations, range.get());
+      Ntfs()->device_alloc(description.c_str(), 0, &kRangeOperations, range.get());
   if (device == nullptr) {
     why = std::strerror(errno);
     ::close(fd);
     return nullptr;
   }
-  ntfs_volume* volume = ntfs_device_mount(device, NTFS_MNT_RDONLY);
+  ntfs_volume* volume = Ntfs()->device_mount(device, NTFS_MNT_RDONLY);
   if (volume == nullptr) {
     why = errno != 0 ? std::strerror(errno) : "not an NTFS file system";
-    ntfs_device_free(device);
+    Ntfs()->device_free(device);
     ::close(fd);
     return nullptr;
   }
