@@ -54,6 +54,23 @@ class HiveSource : public KeySource {
 
   void load(RegKey& key, Part part) override {
     std::lock_guard<std::mutex> lock(mutex_);
+    fill(key, part);
+  }
+
+  void readAhead(RegKey& key) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (key.isLoaded(kReadAhead)) return;
+    for (size_t i = 0; i < key.subKeyCount(); ++i) {
+      RegKey& sub = const_cast<RegKey&>(key.subKey(i));
+      if (!sub.boundTo(this)) continue;
+      fill(sub, kValues);
+      fill(sub, kSubKeys);
+    }
+    key.markLoaded(kReadAhead);
+  }
+
+ private:
+  void fill(RegKey& key, Part part) {
     if (key.isLoaded(part)) return;
     HiveFile::Key record;
     const std::string fault = file_->readKey(key.sourceCell(), record, false);
@@ -67,7 +84,6 @@ class HiveSource : public KeySource {
     key.markLoaded(part);
   }
 
- private:
   void loadSubKeys(RegKey& key, const HiveFile::Key& record) {
     size_t depth = 0;
     for (const RegKey* k = &key; k->parent(); k = k->parent()) ++depth;

@@ -113,6 +113,9 @@ std::u16string_view Widened(std::string_view text, bool asciiKept, unsigned code
   return heap;
 }
 
+// Listing a key of at least this many sub-keys reads theirs ahead (RegKey::readAheadSubKeys).
+constexpr size_t kReadAheadSubKeys = 256;
+
 const RegKey& EmptyKey() {
   static const RegKey empty(u"");
   return empty;
@@ -389,6 +392,9 @@ LONG RecordedRegistry::RegEnumKeyExA(HKEY handle, DWORD index, char* name, DWORD
   if (!key) return status;
   if (reserved || !name || !nameLength) return ERROR_INVALID_PARAMETER;
   if (index >= key->subKeyCount()) return ERROR_NO_MORE_ITEMS;
+  // Who lists a long key from the start reads its sub-keys next, as a rule (the uninstall
+  // keys, the installer's products).
+  if (index == 0 && key->subKeyCount() >= kReadAheadSubKeys) key->readAheadSubKeys();
 
   const RegKey& sub = key->subKey(index);
   const std::string text = narrow(sub.name());

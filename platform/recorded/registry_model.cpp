@@ -283,7 +283,14 @@ void RegKey::compact() {
 void RegKey::bindSource(KeySource* source, std::uint32_t cell) {
   source_ = source;
   cell_ = cell;
-  pending_.store(KeySource::kSubKeys | KeySource::kValues, std::memory_order_release);
+  pending_.store(KeySource::kSubKeys | KeySource::kValues | KeySource::kReadAhead,
+                 std::memory_order_release);
+}
+
+void RegKey::readAheadSubKeys() const {
+  if (!(pending_.load(std::memory_order_acquire) & KeySource::kReadAhead)) return;
+  need(KeySource::kSubKeys);
+  source_->readAhead(const_cast<RegKey&>(*this));
 }
 
 void RegKey::reserveLoadedSubKeys(size_t count) {

@@ -52,12 +52,15 @@ class RegKey;
 // (a .reg export loaded before the hive), which the source merges with.
 class KPLATFORM_API KeySource {
  public:
-  enum Part : unsigned { kSubKeys = 1, kValues = 2 };
+  enum Part : unsigned { kSubKeys = 1, kValues = 2, kReadAhead = 4 };
   virtual ~KeySource();
   // Adds `part` of `key` (with addLoaded* below) and then calls key.markLoaded(part); a
   // call for a part already loaded does nothing. Never throws: what cannot be read is
   // left out.
   virtual void load(RegKey& key, Part part) = 0;
+  // Loads the values and sub-key lists of every sub-key of `key` (whose sub-keys are
+  // loaded), one sub-key after another, then calls key.markLoaded(kReadAhead).
+  virtual void readAhead(RegKey& key) = 0;
 };
 
 class KPLATFORM_API RegKey {
@@ -122,6 +125,13 @@ class KPLATFORM_API RegKey {
   void reserveLoadedValues(size_t count);
   void markLoaded(KeySource::Part part);
   bool isLoaded(KeySource::Part part) const;
+  bool boundTo(const KeySource* source) const { return source_ == source; }
+
+  // Has the source read every sub-key's values and sub-key list now, together, if it has
+  // not yet: for a key about to be listed and each of its sub-keys read. Read one by one
+  // between the reader's own work, they lie scattered in memory among what the reader
+  // makes, and reading a key of 100,000 sub-keys that way took half again as long.
+  void readAheadSubKeys() const;
 
  private:
   void need(KeySource::Part part) const {

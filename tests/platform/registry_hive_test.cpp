@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -13,6 +14,7 @@
 
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_registry.h"
+#include "platform/recorded/registry_model.h"
 
 using namespace platform;
 using platform::recorded::HiveFilesSupported;
@@ -140,4 +142,46 @@ TEST_F(RegistryHive, LargestHiveReadsWhole) {
   const recorded::RegKey* system = reg.tree().find(u"HKEY_LOCAL_MACHINE\\SYSTEM");
   ASSERT_NE(system, nullptr);
   EXPECT_EQ(CountKeys(*system), 43211u);
+}
+
+// Listing a hive key of 256 sub-keys or more from the start reads every sub-key's values
+// and sub-key list with it, as they are read next as a rule; a shorter key, or a long one
+// only passed through on the way to another, stays unread until asked.
+TEST_F(RegistryHive, ListingALongKeyReadsItsSubKeysAhead) {
+  RecordedRegistry reg;
+  reg.loadHive(HiveDir() + "/win10-1709-SYSTEM", Mount::System);
+  const auto subKeysRead = [&](const char* path) {
+    const recorded::RegKey* key = reg.tree().find(u"HKEY_LOCAL_MACHINE\\SYSTEM\\" +
+                                                  std::u16string(path, path + std::strlen(path)));
+    size_t read = 0;
+    for (size_t i = 0; key && i < key->subKeyCount(); ++i) {
+      read += key->subKey(i).isLoaded(recorded::KeySource::kValues) &&
+              key->subKey(i).isLoaded(recorded::KeySource::kSubKeys);
+    }
+    return std::make_pair(read, key ? key->subKeyCount() : 0);
+  };
+  const auto list = [&](const char* path) {
+    HKEY key = nullptr;
+    ASSERT_EQ(reg.RegOpenKeyExA(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, &key), ERROR_SUCCESS);
+    char name[256];
+    DWORD length = sizeof name;
+    EXPECT_EQ(reg.RegEnumKeyExA(key, 0, name, &length, nullptr, nullptr, nullptr, nullptr),
+              ERROR_SUCCESS);
+    reg.RegCloseKey(key);
+  };
+  HKEY tcpip = nullptr;
+  ASSERT_EQ(reg.RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SYSTEM\\ControlSet001\\Services\\Tcpip", 0,
+                              KEY_READ, &tcpip),
+            ERROR_SUCCESS);
+  reg.RegCloseKey(tcpip);
+  EXPECT_EQ(subKeysRead("ControlSet001\\Services").first, 0u);  // passed through
+  list("SYSTEM\\ControlSet001\\Control");
+  const auto control = subKeysRead("ControlSet001\\Control");
+  EXPECT_LT(control.second, 256u);
+  EXPECT_EQ(control.first, 0u);
+  list("SYSTEM\\ControlSet001\\Services");
+  const auto services = subKeysRead("ControlSet001\\Services");
+  EXPECT_GE(services.second, 256u);
+  EXPECT_EQ(services.first, services.second);
+  EXPECT_EQ(reg.tree().damage(), std::vector<std::string>());
 }
