@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <vector>
@@ -162,8 +163,11 @@ int QueryKeyInfo(HKEY key, DWORD& valueCount, DWORD& maxValueNameLength,
 }
 
 RegistryValueSet EnumerateValues(HKEY key) {
-  const RegistryValueList list = EnumerateValueList(key);
-  return RegistryValueSet(list.begin(), list.end());  // in order: no search per entry
+  RegistryValueList list = EnumerateValueList(key);
+  // Already in order and unique: taken as it is, not sorted again.
+  return RegistryValueSet(boost::container::ordered_unique_range,
+                          std::make_move_iterator(list.begin()),
+                          std::make_move_iterator(list.end()));
 }
 
 RegistryValueList EnumerateValueList(HKEY key) {

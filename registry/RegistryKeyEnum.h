@@ -36,7 +36,7 @@ int QueryKeyInfo(platform::HKEY key, platform::DWORD& valueCount,
 RegistryValueSet EnumerateValues(platform::HKEY key);
 
 // The same entries as EnumerateValues, in its order (by name, of two equal names the one
-// enumerated first), as a list: a key of many values is read without building a tree.
+// enumerated first), as a list; EnumerateValues is made from it.
 using RegistryValueList = std::vector<std::pair<std::string, std::string>>;
 RegistryValueList EnumerateValueList(platform::HKEY key);
 

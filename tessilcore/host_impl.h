@@ -92,7 +92,8 @@ class TNamespace : public ICIMNamespace {
 
 class TClass : public ICIMClass {
  public:
-  TClass(THost::Impl* host, TClassPtr decl) : host_(host), decl_(std::move(decl)) {}
+  TClass(THost::Impl* host, TClassPtr decl)
+      : host_(host), decl_(std::move(decl)), decls_(decl_->properties.size()) {}
   std::string GetName() override;
   void GetNamespace(shared_ptr<ICIMNamespace>& out, const TOptions& options) override;
   bool IsAssociation() override;

@@ -183,7 +183,6 @@ void TClass::GetPropertyDecl(shared_ptr<const ICIMPropertyDecl>& out, const std:
   }
   const auto index = static_cast<std::size_t>(property - decl_->properties.data());
   std::lock_guard<std::mutex> lock(declsMutex_);
-  if (decls_.empty()) decls_.resize(decl_->properties.size());
   if (!decls_[index]) decls_[index] = boost::make_shared<const TPropertyDecl>(decl_, property);
   out = decls_[index];
 }

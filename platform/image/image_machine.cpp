@@ -100,34 +100,23 @@ std::string Utf8(const std::optional<std::u16string>& text) {
   return text ? WideToUtf8(*text) : std::string();
 }
 
-std::u16string Upper(std::u16string text) {
-  for (auto& c : text) c = recorded::UpcaseChar(c);
-  return text;
-}
-
-// The keys the facts come from, CurrentControlSet followed as Windows links it at boot.
+// The keys the facts come from, found as the registry calls find them (CurrentControlSet
+// followed as Windows links it at boot).
 class Hives {
  public:
-  explicit Hives(RecordedRegistry& registry) : tree_(registry.tree()) {
-    DWORD current = 1;
-    if (auto value = Dword(tree_.find(u"HKLM\\SYSTEM\\Select"), "Current")) current = *value;
-    std::string digits = std::to_string(current);
-    if (digits.size() < 3) digits.insert(0, 3 - digits.size(), '0');
-    controlSet_ = u"HKLM\\SYSTEM\\ControlSet" + U(digits);
-  }
+  explicit Hives(const RecordedRegistry& registry) : registry_(registry) {}
   const RegKey* software(const char* path) const {
-    return tree_.find(u"HKLM\\SOFTWARE\\" + U(path));
+    return registry_.find(u"HKLM\\SOFTWARE\\" + U(path));
   }
   const RegKey* control(const char* path) const {
-    return tree_.find(controlSet_ + u"\\Control\\" + U(path));
+    return registry_.find(u"HKLM\\SYSTEM\\CurrentControlSet\\Control\\" + U(path));
   }
   const RegKey* user(const char* path) const {
-    return tree_.find(u"HKEY_CURRENT_USER\\" + U(path));
+    return registry_.find(u"HKEY_CURRENT_USER\\" + U(path));
   }
 
  private:
-  const recorded::RegistryTree& tree_;
-  std::u16string controlSet_;
+  const RecordedRegistry& registry_;
 };
 
 // GetProductInfo's numbers for the editions Windows names in EditionID (6.0 and later).
@@ -190,7 +179,7 @@ std::optional<std::uint32_t> ProductNumber(const std::u16string& edition) {
                                                                {"PROFESSIONALWORKSTATIONN", 0xA2},
                                                                {"SERVERRDSH", 0xAF},
                                                                {"IOTENTERPRISE", 0xBC}};
-  auto it = numbers.find(WideToUtf8(Upper(edition)));
+  auto it = numbers.find(WideToUtf8(recorded::FoldName(edition)));
   if (it == numbers.end()) return std::nullopt;
   return it->second;
 }
@@ -214,7 +203,7 @@ std::uint32_t SuiteMask(const std::vector<std::u16string>& suites) {
                                                             {"WH SERVER", 0x8000}};
   std::uint32_t mask = 0;
   for (const auto& suite : suites) {
-    auto it = bits.find(WideToUtf8(Upper(suite)));
+    auto it = bits.find(WideToUtf8(recorded::FoldName(suite)));
     if (it != bits.end()) mask |= it->second;
   }
   return mask;
@@ -547,9 +536,9 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
   if (type == 1 && (major > 5 || (major == 5 && minor >= 1))) suites |= 0x0100;
   const std::uint32_t csd = Dword(keys.control("Windows"), "CSDVersion").value_or(0);
   if (major > 0) {
-    const std::string build =
-        Utf8(Text(version, "CurrentBuildNumber").has_value() ? Text(version, "CurrentBuildNumber")
-                                                             : Text(version, "CurrentBuild"));
+    std::optional<std::u16string> buildText = Text(version, "CurrentBuildNumber");
+    if (!buildText) buildText = Text(version, "CurrentBuild");
+    const std::string build = Utf8(buildText);
     std::string servicePack = Utf8(Text(version, "CSDVersion"));
     if (servicePack.size() > 127) servicePack.resize(127);
     system["version"] = {{"major", major},

@@ -95,7 +95,6 @@ std::unique_ptr<HiveFile> HiveFile::Open(const std::string& path) {
       // Huge pages would make each page read cost 2 MiB of memory.
       ::madvise(reserved, size, MADV_NOHUGEPAGE);
       hive->mapping_ = reserved;
-      hive->mappingSize_ = size;
       hive->data_ = static_cast<const unsigned char*>(reserved);
       hive->size_ = size;
       hive->loaded_.reset(new std::atomic<std::uint64_t>[size / kPage / 64 + 1]());
@@ -137,7 +136,7 @@ std::unique_ptr<HiveFile> HiveFile::FromShared(std::shared_ptr<const std::string
 
 HiveFile::~HiveFile() {
 #if !defined(_WIN32)
-  if (mapping_ != nullptr) ::munmap(mapping_, mappingSize_);
+  if (mapping_ != nullptr) ::munmap(mapping_, size_);
   if (fd_ >= 0) ::close(fd_);
 #endif
 }

@@ -75,13 +75,12 @@ class KPLATFORM_API HiveFile {
   std::size_t size_ = 0;
   std::size_t binsEnd_ = 0;  // end of the last bin, as the header says
   std::uint32_t root_ = 0;
-  std::shared_ptr<const std::string> bytes_;  // the file's bytes when they are not mapped
+  std::shared_ptr<const std::string> bytes_;  // the file's bytes when held in memory whole
   // A file on disk is read a page at a time, when a cell there is first wanted, into
   // memory reserved for the whole file: a query pays for the pages it reads. (A mapping of
   // the file would do the same, but a fault on a mapped file maps the pages around it too,
   // 16 of them, which a query of one key pays for many times over.)
-  void* mapping_ = nullptr;
-  std::size_t mappingSize_ = 0;
+  void* mapping_ = nullptr;  // size_ bytes, reserved
   int fd_ = -1;
   std::unique_ptr<std::atomic<std::uint64_t>[]> loaded_;  // a bit per page read
   mutable std::mutex readMutex_;

@@ -205,6 +205,14 @@ size_t RecordedRegistry::openHandleCount() const {
   return handles_.size();
 }
 
+const RegKey* RecordedRegistry::find(const std::u16string& path) const {
+  const std::vector<std::u16string> parts = SplitPath(path);
+  if (parts.empty()) return nullptr;
+  std::vector<std::u16string> full = RootPath(parts[0]);
+  full.insert(full.end(), parts.begin() + 1, parts.end());
+  return resolve(full);
+}
+
 const RegKey* RecordedRegistry::resolve(const std::vector<std::u16string>& path) const {
   const RegKey* key = path.empty() ? nullptr : tree_.root(path[0]);
   const std::vector<std::u16string_view> parts(path.begin() + (path.empty() ? 0 : 1), path.end());

@@ -52,6 +52,10 @@ class KPLATFORM_API RecordedRegistry : public Registry {
 
   // The keys as recorded (no views, no CurrentControlSet link), for walking and tests.
   const RegistryTree& tree() const { return tree_; }
+  // A key by its full path ("HKLM\SYSTEM\CurrentControlSet\Control", roots abbreviated
+  // as RootPath allows) as the registry calls find it: SYSTEM\CurrentControlSet followed,
+  // no views. Null when missing.
+  const RegKey* find(const std::u16string& path) const;
   // Damage found elsewhere in the same files (another reader of them), reported with this
   // registry's own.
   void reportDamage(std::string what) { tree_.reportDamage(std::move(what)); }

@@ -2,7 +2,6 @@
 #include "platform/recorded/registry_model.h"
 
 #include <algorithm>
-#include <numeric>
 
 #include "platform/recorded/codepage.h"
 #include "platform/recorded/record_error.h"
@@ -166,7 +165,7 @@ void RegKey::NamedList<T>::remove(std::u16string_view name) {
 
 template <typename T>
 void RegKey::NamedList<T>::compact(bool sortByName) {
-  bool sort = sortByName && added;
+  const bool sort = sortByName && added;
   added = false;
   if (!holes && !sort) return;
   bool moved = holes;
@@ -178,34 +177,20 @@ void RegKey::NamedList<T>::compact(bool sortByName) {
     items.resize(kept);
     holes = false;
   }
-  // Lists usually come in order already (a hive's, an export's); that is checked without
-  // folding every name into a copy.
-  const auto foldedLess = [](const std::u16string& a, const std::u16string& b) {
-    const size_t n = std::min(a.size(), b.size());
+  // Windows' hive index orders sub-keys by their upper-cased UTF-16 units. Folded names
+  // are unique within a key, so stability only keeps the sort predictable. Lists usually
+  // come in order already (a hive's, an export's), and are then left as they are.
+  const auto foldedLess = [](const auto& a, const auto& b) {
+    const std::u16string &x = NameOf(*a), &y = NameOf(*b);
+    const size_t n = std::min(x.size(), y.size());
     for (size_t i = 0; i < n; ++i) {
-      const char16_t x = UpcaseChar(a[i]), y = UpcaseChar(b[i]);
-      if (x != y) return x < y;
+      const char16_t p = UpcaseChar(x[i]), q = UpcaseChar(y[i]);
+      if (p != q) return p < q;
     }
-    return a.size() < b.size();
+    return x.size() < y.size();
   };
-  if (sort && std::is_sorted(items.begin(), items.end(), [&](const auto& a, const auto& b) {
-        return foldedLess(NameOf(*a), NameOf(*b));
-      })) {
-    sort = false;
-  }
-  if (sort) {
-    std::vector<std::u16string> folded(items.size());
-    for (size_t i = 0; i < items.size(); ++i) folded[i] = FoldName(NameOf(*items[i]));
-    // Windows' hive index orders sub-keys by their upper-cased UTF-16 units. Folded names
-    // are unique within a key, so stability only keeps the sort predictable.
-    std::vector<size_t> order(items.size());
-    std::iota(order.begin(), order.end(), size_t{0});
-    std::stable_sort(order.begin(), order.end(),
-                     [&folded](size_t a, size_t b) { return folded[a] < folded[b]; });
-    std::vector<std::unique_ptr<T>> sorted;
-    sorted.reserve(items.size());
-    for (size_t i : order) sorted.push_back(std::move(items[i]));
-    items = std::move(sorted);
+  if (sort && !std::is_sorted(items.begin(), items.end(), foldedLess)) {
+    std::stable_sort(items.begin(), items.end(), foldedLess);
     moved = true;
   }
   if (moved) buildIndex();
