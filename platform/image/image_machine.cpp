@@ -13,6 +13,7 @@
 #include "platform/image/volume.h"
 #include "platform/recorded/codepage.h"
 #include "platform/recorded/hive_file.h"
+#include "platform/recorded/little_endian.h"
 #include "platform/recorded/machine_text.h"
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_registry.h"
@@ -76,9 +77,7 @@ std::optional<std::u16string> Text(const RegKey* key, const char* name) {
 std::optional<std::uint32_t> Dword(const RegKey* key, const char* name) {
   const RegValue* value = key ? key->findValue(U(name)) : nullptr;
   if (!value || value->type != REG_DWORD || value->data.size() < 4) return std::nullopt;
-  std::uint32_t v = 0;
-  for (int i = 3; i >= 0; --i) v = (v << 8) | value->data[static_cast<size_t>(i)];
-  return v;
+  return recorded::Le32(value->data.data());
 }
 
 std::vector<std::u16string> Multi(const RegKey* key, const char* name) {
@@ -316,14 +315,15 @@ std::uint32_t UnixTime(std::uint64_t filetime) {
       std::min<std::uint64_t>((filetime - k1970) / 10000000, 0xFFFFFFFFu));
 }
 
+// The number at `at` of a record whose size the caller has checked.
 std::uint32_t Get16(const std::vector<BYTE>& d, size_t at) {
-  return static_cast<std::uint32_t>(d[at] | (d[at + 1] << 8));
+  return recorded::Le16(d.data() + at);
 }
 std::uint32_t Get32(const std::vector<BYTE>& d, size_t at) {
-  return Get16(d, at) | (Get16(d, at + 2) << 16);
+  return recorded::Le32(d.data() + at);
 }
 std::uint64_t Get64(const std::vector<BYTE>& d, size_t at) {
-  return Get32(d, at) | (static_cast<std::uint64_t>(Get32(d, at + 4)) << 32);
+  return recorded::Le64(d.data() + at);
 }
 
 // The local accounts NetUserEnum answers, from SAM\Domains\Account\Users: each account's

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <set>
 
+#include "platform/recorded/little_endian.h"
+
 namespace platform::image {
 
 namespace {
@@ -17,14 +19,8 @@ constexpr int kMaxLogical = 256;
 // is damaged.
 constexpr std::uint64_t kMaxGptEntryBytes = 4u << 20;
 
-std::uint32_t Le32(const std::uint8_t* p) {
-  return static_cast<std::uint32_t>(p[0]) | static_cast<std::uint32_t>(p[1]) << 8 |
-         static_cast<std::uint32_t>(p[2]) << 16 | static_cast<std::uint32_t>(p[3]) << 24;
-}
-
-std::uint64_t Le64(const std::uint8_t* p) {
-  return static_cast<std::uint64_t>(Le32(p)) | static_cast<std::uint64_t>(Le32(p + 4)) << 32;
-}
+using recorded::Le32;
+using recorded::Le64;
 
 std::string Hex(unsigned value, int digits) {
   char buffer[16];

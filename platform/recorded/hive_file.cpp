@@ -16,6 +16,7 @@
 #include <unistd.h>
 #endif
 
+#include "platform/recorded/little_endian.h"
 #include "platform/recorded/record_error.h"
 
 namespace platform::recorded {
@@ -39,17 +40,6 @@ constexpr std::size_t kValueNameLength = 0x02, kValueDataLength = 0x04, kValueDa
 constexpr unsigned kValueCompressedName = 0x01;
 constexpr std::uint32_t kInlineData = 0x80000000u;
 
-std::uint16_t Get16(const unsigned char* p) {
-  return static_cast<std::uint16_t>(p[0] | (p[1] << 8));
-}
-std::uint32_t Get32(const unsigned char* p) {
-  return static_cast<std::uint32_t>(p[0]) | (static_cast<std::uint32_t>(p[1]) << 8) |
-         (static_cast<std::uint32_t>(p[2]) << 16) | (static_cast<std::uint32_t>(p[3]) << 24);
-}
-std::uint64_t Get64(const unsigned char* p) {
-  return Get32(p) | (static_cast<std::uint64_t>(Get32(p + 4)) << 32);
-}
-
 std::string Hex(std::size_t value) {
   static const char digits[] = "0123456789abcdef";
   std::string text;
@@ -68,7 +58,7 @@ std::u16string Name(const unsigned char* p, std::size_t bytes, bool compressed) 
   if (compressed) {
     for (std::size_t i = 0; i < name.size(); ++i) name[i] = p[i];
   } else {
-    for (std::size_t i = 0; i < name.size(); ++i) name[i] = Get16(p + 2 * i);
+    for (std::size_t i = 0; i < name.size(); ++i) name[i] = Le16(p + 2 * i);
   }
   return name;
 }
@@ -206,13 +196,13 @@ void HiveFile::check(const std::string& name) {
   if (size_ < kFirstBin) refuse("no \"regf\" header");
   const unsigned char* base = bytes(0, kFirstBin);
   if (std::memcmp(base, "regf", 4) != 0) refuse("no \"regf\" header");
-  if (Get32(base + 0x14) != 1) refuse("format version " + std::to_string(Get32(base + 0x14)));
+  if (Le32(base + 0x14) != 1) refuse("format version " + std::to_string(Le32(base + 0x14)));
   std::uint32_t sum = 0;
-  for (std::size_t i = 0; i < 0x1FC; i += 4) sum ^= Get32(base + i);
+  for (std::size_t i = 0; i < 0x1FC; i += 4) sum ^= Le32(base + i);
   if (sum == 0) sum = 1;
   if (sum == 0xFFFFFFFFu) sum = 0xFFFFFFFEu;
-  if (sum != Get32(base + 0x1FC)) refuse("header checksum does not match");
-  const std::size_t bins = Get32(base + 0x28);
+  if (sum != Le32(base + 0x1FC)) refuse("header checksum does not match");
+  const std::size_t bins = Le32(base + 0x28);
   if (bins == 0 || bins % kPage != 0) refuse("bins size " + Hex(bins) + " is no multiple of 4 KiB");
   if (bins > size_ - kFirstBin) {
     refuse("the header says " + std::to_string(bins) + " bytes of bins, the file holds " +
@@ -220,7 +210,7 @@ void HiveFile::check(const std::string& name) {
   }
   binsEnd_ = kFirstBin + bins;
   binOfPage_.assign(bins / kPage, 0);
-  root_ = Get32(base + 0x24);
+  root_ = Le32(base + 0x24);
   Key key;
   const std::string fault = readKey(root_, key);
   if (!fault.empty()) refuse("root key: " + fault);
@@ -238,8 +228,8 @@ std::uint32_t HiveFile::binOf(std::size_t page) const {
     }
     const std::size_t start = kFirstBin + q * kPage;
     const unsigned char* header = bytes(start, kBinHeader);
-    if (std::memcmp(header, "hbin", 4) == 0 && Get32(header + 4) == q * kPage) {
-      const std::size_t size = Get32(header + 8);
+    if (std::memcmp(header, "hbin", 4) == 0 && Le32(header + 4) == q * kPage) {
+      const std::size_t size = Le32(header + 8);
       if (size >= kPage && size % kPage == 0 && size <= binsEnd_ - start) {
         found = static_cast<std::uint32_t>(q + 2);
       }
@@ -252,7 +242,7 @@ std::uint32_t HiveFile::binOf(std::size_t page) const {
     std::uint32_t bin = found;
     if (bin >= 2) {
       const std::size_t start = bin - 2;
-      if (p >= start + Get32(bytes(kFirstBin + start * kPage + 8, 4)) / kPage) bin = 1;
+      if (p >= start + Le32(bytes(kFirstBin + start * kPage + 8, 4)) / kPage) bin = 1;
     }
     binOfPage_[p] = bin;
   }
@@ -263,7 +253,7 @@ bool HiveFile::insideBin(std::size_t at, std::size_t length) const {
   const std::uint32_t bin = binOf((at - kFirstBin) / kPage);
   if (bin < 2) return false;
   const std::size_t start = kFirstBin + (bin - 2) * kPage;
-  return at >= start + kBinHeader && at + length <= start + Get32(bytes(start + 8, 4));
+  return at >= start + kBinHeader && at + length <= start + Le32(bytes(start + 8, 4));
 }
 
 const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std::size_t* length,
@@ -273,7 +263,7 @@ const unsigned char* HiveFile::payload(std::uint32_t cell, std::size_t need, std
     fault = "cell " + Hex(cell) + " outside the bins";
     return nullptr;
   }
-  const auto size = static_cast<std::int32_t>(Get32(bytes(at, 4)));
+  const auto size = static_cast<std::int32_t>(Le32(bytes(at, 4)));
   const std::int64_t used = -static_cast<std::int64_t>(size);
   if (used < 4 || static_cast<std::uint64_t>(used) > binsEnd_ - at) {
     fault = "cell " + Hex(cell) + (size >= 0 ? " is free" : " has a bad size");
@@ -298,16 +288,16 @@ std::string HiveFile::readKey(std::uint32_t cell, Key& out, bool withName) const
   const unsigned char* p = payload(cell, kKeyName, &length, fault);
   if (!p) return fault;
   if (p[0] != 'n' || p[1] != 'k') return "cell " + Hex(cell) + " is no key record";
-  const std::size_t nameBytes = Get16(p + kKeyNameLength);
+  const std::size_t nameBytes = Le16(p + kKeyNameLength);
   if (kKeyName + nameBytes > length) return "key record " + Hex(cell) + ": name runs past its cell";
   if (withName) {
-    out.name = Name(p + kKeyName, nameBytes, (Get16(p + kKeyFlags) & kKeyCompressedName) != 0);
+    out.name = Name(p + kKeyName, nameBytes, (Le16(p + kKeyFlags) & kKeyCompressedName) != 0);
   }
-  out.lastWriteTime = Get64(p + kKeyTime);
-  out.subKeyCount = Get32(p + kKeySubKeyCount);
-  out.subKeyList = Get32(p + kKeySubKeyList);
-  out.valueCount = Get32(p + kKeyValueCount);
-  out.valueList = Get32(p + kKeyValueList);
+  out.lastWriteTime = Le64(p + kKeyTime);
+  out.subKeyCount = Le32(p + kKeySubKeyCount);
+  out.subKeyList = Le32(p + kKeySubKeyList);
+  out.valueCount = Le32(p + kKeyValueCount);
+  out.valueList = Le32(p + kKeyValueList);
   return {};
 }
 
@@ -317,7 +307,7 @@ std::string HiveFile::listCells(std::uint32_t list, std::uint32_t declared, bool
   std::size_t length = 0;
   const unsigned char* p = payload(list, 4, &length, fault);
   if (!p) return "sub-key list: " + fault;
-  const std::size_t count = Get16(p + 2);
+  const std::size_t count = Le16(p + 2);
   const bool hashed = p[0] == 'l' && (p[1] == 'f' || p[1] == 'h');
   const bool plain = p[0] == 'l' && p[1] == 'i';
   const bool index = p[0] == 'r' && p[1] == 'i';
@@ -327,7 +317,7 @@ std::string HiveFile::listCells(std::uint32_t list, std::uint32_t declared, bool
   const std::size_t stride = hashed ? 8 : 4;
   if (4 + count * stride > length) return "sub-key list " + Hex(list) + " runs past its cell";
   for (std::size_t i = 0; i < count && out.size() < declared; ++i) {
-    const std::uint32_t entry = Get32(p + 4 + i * stride);
+    const std::uint32_t entry = Le32(p + 4 + i * stride);
     if (index) {
       fault = listCells(entry, declared, true, out);
       if (!fault.empty()) return fault;
@@ -358,7 +348,7 @@ std::string HiveFile::valueCells(const Key& key, std::vector<std::uint32_t>& out
   const unsigned char* p = payload(key.valueList, std::size_t{4} * key.valueCount, nullptr, fault);
   if (!p) return "value list: " + fault;
   out.reserve(key.valueCount);
-  for (std::size_t i = 0; i < key.valueCount; ++i) out.push_back(Get32(p + 4 * i));
+  for (std::size_t i = 0; i < key.valueCount; ++i) out.push_back(Le32(p + 4 * i));
   return {};
 }
 
@@ -368,14 +358,14 @@ std::string HiveFile::readValue(std::uint32_t cell, RegValue& out) const {
   const unsigned char* p = payload(cell, kValueName, &length, fault);
   if (!p) return fault;
   if (p[0] != 'v' || p[1] != 'k') return "cell " + Hex(cell) + " is no value record";
-  const std::size_t nameBytes = Get16(p + kValueNameLength);
+  const std::size_t nameBytes = Le16(p + kValueNameLength);
   if (kValueName + nameBytes > length) {
     return "value record " + Hex(cell) + ": name runs past its cell";
   }
-  out.name = Name(p + kValueName, nameBytes, (Get16(p + kValueFlags) & kValueCompressedName) != 0);
-  out.type = Get32(p + kValueType);
+  out.name = Name(p + kValueName, nameBytes, (Le16(p + kValueFlags) & kValueCompressedName) != 0);
+  out.type = Le32(p + kValueType);
   out.data.clear();
-  const std::uint32_t declared = Get32(p + kValueDataLength);
+  const std::uint32_t declared = Le32(p + kValueDataLength);
   const std::size_t size = declared & ~kInlineData;
   if (declared & kInlineData) {
     // Up to four bytes live in the record, where the data's cell would be named.
@@ -387,7 +377,7 @@ std::string HiveFile::readValue(std::uint32_t cell, RegValue& out) const {
   if (size > kMaxValueSize) {
     return "larger than 16 MiB (" + std::to_string(size) + " bytes)";
   }
-  const std::uint32_t dataCell = Get32(p + kValueData);
+  const std::uint32_t dataCell = Le32(p + kValueData);
   std::size_t held = 0;
   const unsigned char* data = payload(dataCell, 0, &held, fault);
   if (!data) return "data: " + fault;
@@ -399,13 +389,13 @@ std::string HiveFile::readValue(std::uint32_t cell, RegValue& out) const {
   if (held < 8 || data[0] != 'd' || data[1] != 'b') {
     return "data of " + std::to_string(size) + " bytes in a cell of " + std::to_string(held);
   }
-  const std::size_t segments = Get16(data + 2);
-  const unsigned char* list = payload(Get32(data + 4), 4 * segments, nullptr, fault);
+  const std::size_t segments = Le16(data + 2);
+  const unsigned char* list = payload(Le32(data + 4), 4 * segments, nullptr, fault);
   if (!list) return "data segments: " + fault;
   out.data.reserve(size);
   for (std::size_t i = 0; i < segments && out.data.size() < size; ++i) {
     const std::size_t take = std::min(kBigDataSegment, size - out.data.size());
-    const unsigned char* segment = payload(Get32(list + 4 * i), take, nullptr, fault);
+    const unsigned char* segment = payload(Le32(list + 4 * i), take, nullptr, fault);
     if (!segment) return "data segment " + std::to_string(i) + ": " + fault;
     out.data.insert(out.data.end(), segment, segment + take);
   }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "platform/recorded/little_endian.h"
 #include "platform/recorded/machine_version.h"
 
 namespace platform::recorded {
@@ -22,14 +23,14 @@ class Reader {
   bool has(std::size_t at, std::size_t length) const {
     return at <= bytes_.size() && length <= bytes_.size() - at;
   }
-  std::uint32_t u16(std::size_t at) const {
-    return static_cast<unsigned char>(bytes_[at]) |
-           (static_cast<std::uint32_t>(static_cast<unsigned char>(bytes_[at + 1])) << 8);
-  }
-  std::uint32_t u32(std::size_t at) const { return u16(at) | (u16(at + 2) << 16); }
+  std::uint32_t u16(std::size_t at) const { return Le16(at_(at)); }
+  std::uint32_t u32(std::size_t at) const { return Le32(at_(at)); }
   const std::string& bytes() const { return bytes_; }
 
  private:
+  const unsigned char* at_(std::size_t at) const {
+    return reinterpret_cast<const unsigned char*>(bytes_.data()) + at;
+  }
   const std::string& bytes_;
 };
 
