@@ -6,6 +6,7 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <string_view>
 #include <vector>
 
 #include "platform/machine.h"
@@ -92,38 +93,62 @@ std::string DwordText(const BYTE* data, DWORD size) {
   return std::to_string(value);
 }
 
-// Sorts by name as a map orders names (bytes as unsigned), equal names in the order they
-// came. The sort runs on each name's first 16 bytes held as two integers, so that most
-// comparisons read no string: a key can hold many thousands of values, and comparing
-// their names where they lie made the sort a fifth of the environment query.
-void SortByName(RegistryValueList& values) {
+// The values of one key as they are read, their names one after another in one buffer
+// and their texts in another, then handed out in name order as a map orders names (bytes
+// as unsigned), equal names in the order they came. A key can hold many thousands of
+// values: sorting strings strewn over the heap, and then reading and freeing them in their
+// new order, went to main memory for each one; the buffers are a few megabytes, and the
+// strings handed out are made in the order they are used after. The sort runs on each name's first
+// 16 bytes held as two integers, so that most comparisons read no name at all.
+class ValuesInNameOrder {
+ public:
+  void add(std::string_view name, const std::string& text) {
+    entries_.push_back(
+        {Packed(name, 0), Packed(name, 8), names_.size(), texts_.size(), name.size(), text.size()});
+    names_.append(name);
+    texts_.append(text);
+  }
+
+  // Sorted by name; of names that are equal, only the first to come.
+  RegistryValueList take() {
+    std::sort(entries_.begin(), entries_.end(), [this](const Entry& a, const Entry& b) {
+      if (a.high != b.high) return a.high < b.high;
+      if (a.low != b.low) return a.low < b.low;
+      const int tail = name(a).compare(name(b));
+      return tail != 0 ? tail < 0 : a.nameAt < b.nameAt;
+    });
+    RegistryValueList values;
+    values.reserve(entries_.size());
+    for (const Entry& entry : entries_) {
+      if (!values.empty() && values.back().first == name(entry)) continue;
+      values.emplace_back(std::string(name(entry)),
+                          std::string(texts_, entry.textAt, entry.textSize));
+    }
+    return values;
+  }
+
+ private:
   struct Entry {
     std::uint64_t high, low;
-    std::size_t index;
+    std::size_t nameAt, textAt;
+    std::size_t nameSize, textSize;
   };
-  const auto bytes = [](const std::string& name, std::size_t from) {
+
+  // Names hold no NUL, so equal prefixes mean equal names up to 16 bytes.
+  static std::uint64_t Packed(std::string_view name, std::size_t from) {
     std::uint64_t packed = 0;
     for (std::size_t i = from; i < from + 8; ++i) {
       packed = packed << 8 | (i < name.size() ? static_cast<unsigned char>(name[i]) : 0u);
     }
     return packed;
-  };
-  std::vector<Entry> order(values.size());
-  for (std::size_t i = 0; i < values.size(); ++i) {
-    order[i] = {bytes(values[i].first, 0), bytes(values[i].first, 8), i};
   }
-  // Names hold no NUL, so equal prefixes mean equal names up to 16 bytes.
-  std::sort(order.begin(), order.end(), [&values](const Entry& a, const Entry& b) {
-    if (a.high != b.high) return a.high < b.high;
-    if (a.low != b.low) return a.low < b.low;
-    const int tail = values[a.index].first.compare(values[b.index].first);
-    return tail != 0 ? tail < 0 : a.index < b.index;
-  });
-  RegistryValueList sorted;
-  sorted.reserve(values.size());
-  for (const Entry& entry : order) sorted.push_back(std::move(values[entry.index]));
-  values = std::move(sorted);
-}
+  std::string_view name(const Entry& entry) const {
+    return std::string_view(names_).substr(entry.nameAt, entry.nameSize);
+  }
+
+  std::string names_, texts_;
+  std::vector<Entry> entries_;
+};
 
 }  // namespace
 
@@ -171,36 +196,38 @@ RegistryValueSet EnumerateValues(HKEY key) {
 }
 
 RegistryValueList EnumerateValueList(HKEY key) {
-  RegistryValueList values;
-  if (key == nullptr) return values;
+  if (key == nullptr) return {};
   DWORD count = 0, longestName = 0, longestData = 0;
   QueryKeyInfo(key, count, longestName, longestData);
   platform::Registry& registry = platform::Machine::Current().registry();
-  // The name buffer grows by one byte per index; harmless, and kept.
+  // The name buffer grows by one byte per index; harmless, and kept. The bytes behind it
+  // grow by doubling and are used again, as is the data buffer: a buffer made and freed
+  // per value, soon larger than the allocator keeps at hand, cost more than the read.
   DWORD nameBufferSize = longestName;
+  std::unique_ptr<char[]> name;
+  std::size_t nameCapacity = 0;
+  const std::unique_ptr<BYTE[]> data = ReadBuffer(longestData);
+  ValuesInNameOrder read;
   for (DWORD index = 0; index < count; ++index) {
     ++nameBufferSize;
-    std::unique_ptr<char[]> name(new (std::nothrow) char[nameBufferSize]);
-    std::unique_ptr<BYTE[]> data = ReadBuffer(longestData);
+    if (nameBufferSize > nameCapacity) {
+      const std::size_t capacity = std::max<std::size_t>(nameBufferSize, 2 * nameCapacity);
+      name.reset(new (std::nothrow) char[capacity]);
+      nameCapacity = name ? capacity : 0;
+    }
     if (!name || !data) continue;
     DWORD nameSize = nameBufferSize, dataSize = longestData, type = platform::REG_NONE;
     const platform::LONG status = registry.RegEnumValueA(key, index, name.get(), &nameSize, nullptr,
                                                          &type, data.get(), &dataSize);
     if (status != platform::ERROR_SUCCESS || nameSize == 0 || name[0] == '\0') continue;
     if (dataSize > longestData) dataSize = longestData;
-    std::string text = RegistryDataToString(data.get(), type, dataSize);
-    if (!text.empty()) {
-      values.emplace_back(std::string(name.get(), strnlen(name.get(), nameBufferSize)),
-                          std::move(text));
-    }
+    const std::string text = RegistryDataToString(data.get(), type, dataSize);
+    if (!text.empty())
+      read.add(std::string_view(name.get(), strnlen(name.get(), nameBufferSize)), text);
   }
   // Two names can narrow to one (characters the code page lacks become '?'): the first
   // enumerated stays, as a map's emplace keeps it.
-  SortByName(values);
-  values.erase(std::unique(values.begin(), values.end(),
-                           [](const auto& a, const auto& b) { return a.first == b.first; }),
-               values.end());
-  return values;
+  return read.take();
 }
 
 int ReadRegistryValue(HKEY key, const std::string& valueName, std::string& text, DWORD bufferSize) {
