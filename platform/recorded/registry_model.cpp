@@ -68,13 +68,15 @@ bool NamesEqual(std::u16string_view a, std::u16string_view b) {
 namespace {
 
 // FNV-1a over the upper-cased UTF-16 units, so names that Windows holds equal hash alike.
-size_t FoldedHash(std::u16string_view name) {
+std::uint64_t FoldedHash(std::u16string_view name) {
   std::uint64_t hash = 14695981039346656037ull;
   for (char16_t c : name) {
     hash = (hash ^ UpcaseChar(c)) * 1099511628211ull;
   }
-  return static_cast<size_t>(hash ^ (hash >> 32));
+  return hash ^ (hash >> 32);
 }
+
+constexpr std::uint64_t kTagMask = 0xffffffff00000000ull;
 
 }  // namespace
 
@@ -94,8 +96,10 @@ size_t RegKey::NamedList<T>::position(std::u16string_view name) const {
     const size_t mask = slots.size() - 1;
     // The table is at most half full, so a free slot ends every probe. Slots of removed
     // items stay until the next rebuild and are stepped over.
-    for (size_t s = FoldedHash(name) & mask; slots[s] != 0; s = (s + 1) & mask) {
-      const size_t i = slots[s] - 1;
+    const std::uint64_t hash = FoldedHash(name), tag = hash & kTagMask;
+    for (size_t s = hash & mask; slots[s] != 0; s = (s + 1) & mask) {
+      if ((slots[s] & kTagMask) != tag) continue;
+      const size_t i = static_cast<std::uint32_t>(slots[s]) - 1;
       if (items[i] && NamesEqual(NameOf(*items[i]), name)) {
         found = i;
         break;
@@ -108,11 +112,11 @@ size_t RegKey::NamedList<T>::position(std::u16string_view name) const {
 }
 
 template <typename T>
-void RegKey::NamedList<T>::insertSlot(size_t position) {
+void RegKey::NamedList<T>::insertSlot(size_t position, std::uint64_t hash) {
   const size_t mask = slots.size() - 1;
-  size_t s = FoldedHash(NameOf(*items[position])) & mask;
+  size_t s = hash & mask;
   while (slots[s] != 0) s = (s + 1) & mask;
-  slots[s] = static_cast<std::uint32_t>(position + 1);
+  slots[s] = (hash & kTagMask) | static_cast<std::uint32_t>(position + 1);
 }
 
 template <typename T>
@@ -127,7 +131,7 @@ void RegKey::NamedList<T>::buildIndex(size_t capacity) {
   while (size < capacity * 2 + 2) size *= 2;
   slots.assign(size, 0);
   for (size_t i = 0; i < items.size(); ++i) {
-    if (items[i]) insertSlot(i);
+    if (items[i]) insertSlot(i, FoldedHash(NameOf(*items[i])));
   }
 }
 
@@ -151,7 +155,7 @@ void RegKey::NamedList<T>::add(std::unique_ptr<T> item) {
   if (items.size() * 2 + 2 > slots.size()) {
     buildIndex();
   } else {
-    insertSlot(items.size() - 1);
+    insertSlot(items.size() - 1, FoldedHash(NameOf(*items.back())));
   }
 }
 

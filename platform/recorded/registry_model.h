@@ -149,7 +149,10 @@ class KPLATFORM_API RegKey {
   template <typename T>
   struct NamedList {
     std::vector<std::unique_ptr<T>> items;
-    std::vector<std::uint32_t> slots;  // empty: no index; else 0 = free, n = items[n - 1]
+    // Empty: no index. Else 0 = free; otherwise the low half n means items[n - 1] and the
+    // high half holds the high half of its name's hash, so that a probe reads the item
+    // only when that matches: with many thousands of items each read is a cache miss.
+    std::vector<std::uint64_t> slots;
     bool holes = false;
     bool added = false;  // since the last compact()
     // Where the next lookup looks first: callers often look names up in the order they
@@ -163,7 +166,7 @@ class KPLATFORM_API RegKey {
 
    private:
     size_t position(std::u16string_view name) const;  // items.size() when absent
-    void insertSlot(size_t position);
+    void insertSlot(size_t position, std::uint64_t hash);
     void buildIndex(size_t capacity = 0);  // slots for at least `capacity` items
   };
 
