@@ -150,6 +150,11 @@ const unsigned char* HiveFile::bytes(std::size_t at, std::size_t length) const {
 // ahead, in a window that doubles up to 128 KiB; scattered reads (one key) read a page.
 void HiveFile::readPages(std::size_t first, std::size_t last) const {
 #if !defined(_WIN32)
+#ifdef MADV_POPULATE_WRITE
+  constexpr int kPopulateWrite = MADV_POPULATE_WRITE;
+#else
+  constexpr int kPopulateWrite = 23;
+#endif
   std::lock_guard<std::mutex> lock(readMutex_);
   const auto isLoaded = [this](std::size_t page) {
     return (loaded_[page / 64].load(std::memory_order_relaxed) >> page % 64) & 1;
@@ -168,6 +173,9 @@ void HiveFile::readPages(std::size_t first, std::size_t last) const {
     while (end <= last && !isLoaded(end)) ++end;
     const std::size_t start = page * kPage;
     const std::size_t want = std::min(end * kPage, size_) - start;
+    // Pages of a longer run are made present in one call rather than by one fault each
+    // as the read fills them (kernels before 5.14 refuse, and the faults happen as before).
+    if (end - page > 1) ::madvise(memory + start, want, kPopulateWrite);
     std::size_t got = 0;
     while (got < want) {
       const ssize_t n =
