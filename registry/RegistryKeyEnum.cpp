@@ -98,8 +98,8 @@ std::string DwordText(const BYTE* data, DWORD size) {
 // as unsigned), equal names in the order they came. A key can hold many thousands of
 // values: sorting strings strewn over the heap, and then reading and freeing them in their
 // new order, went to main memory for each one; the buffers are a few megabytes, and the
-// strings handed out are made in the order they are used after. The sort runs on each name's first
-// 16 bytes held as two integers, so that most comparisons read no name at all.
+// strings handed out are made in the order they are used after. The sort runs on each
+// name's first 16 bytes held as two integers, so that most comparisons read no name at all.
 class ValuesInNameOrder {
  public:
   void add(std::string_view name, const std::string& text) {
