@@ -93,45 +93,54 @@ std::string DwordText(const BYTE* data, DWORD size) {
   return std::to_string(value);
 }
 
-// The values of one key as they are read, their names one after another in one buffer
-// and their texts in another, then handed out in name order as a map orders names (bytes
-// as unsigned), equal names in the order they came. A key can hold many thousands of
-// values: sorting strings strewn over the heap, and then reading and freeing them in their
-// new order, went to main memory for each one; the buffers are a few megabytes, and the
-// strings handed out are made in the order they are used after. The sort runs on each
-// name's first 16 bytes held as two integers, so that most comparisons read no name at all.
+// The values of one key as they are read, their names and texts one after another in a
+// few large blocks, then handed out in name order as a map orders names (bytes as
+// unsigned), equal names in the order they came. A key can hold many thousands of values:
+// sorting strings strewn over the heap, and then reading and freeing them in their new
+// order, went to main memory for each one; the blocks are a few megabytes, and the strings
+// handed out are made in the order they are used after. The sort runs on each name's
+// first 16 bytes held as two integers, so that most comparisons read no name at all.
 class ValuesInNameOrder {
  public:
-  void add(std::string_view name, const std::string& text) {
-    entries_.push_back(
-        {Packed(name, 0), Packed(name, 8), names_.size(), texts_.size(), name.size(), text.size()});
-    names_.append(name);
-    texts_.append(text);
+  // `expected` is what the key says it holds; a key that claims absurdly many is taken at
+  // its word only as far as a million.
+  explicit ValuesInNameOrder(std::size_t expected) {
+    entries_.reserve(std::min<std::size_t>(expected, 1 << 20));
+  }
+
+  void add(std::string_view name, std::string_view text) {
+    entries_.push_back({Packed(name, 0), Packed(name, 8), keep(name), keep(text),
+                        static_cast<std::uint32_t>(name.size()),
+                        static_cast<std::uint32_t>(text.size()), entries_.size()});
   }
 
   // Sorted by name; of names that are equal, only the first to come.
   RegistryValueList take() {
-    std::sort(entries_.begin(), entries_.end(), [this](const Entry& a, const Entry& b) {
+    std::sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
       if (a.high != b.high) return a.high < b.high;
       if (a.low != b.low) return a.low < b.low;
-      const int tail = name(a).compare(name(b));
-      return tail != 0 ? tail < 0 : a.nameAt < b.nameAt;
+      const int tail = a.nameView().compare(b.nameView());
+      return tail != 0 ? tail < 0 : a.order < b.order;
     });
     RegistryValueList values;
     values.reserve(entries_.size());
     for (const Entry& entry : entries_) {
-      if (!values.empty() && values.back().first == name(entry)) continue;
-      values.emplace_back(std::string(name(entry)),
-                          std::string(texts_, entry.textAt, entry.textSize));
+      if (!values.empty() && values.back().first == entry.nameView()) continue;
+      values.emplace_back(std::string(entry.nameView()), std::string(entry.text, entry.textSize));
     }
     return values;
   }
 
  private:
+  static constexpr std::size_t kBlock = 256 * 1024;
+
   struct Entry {
     std::uint64_t high, low;
-    std::size_t nameAt, textAt;
-    std::size_t nameSize, textSize;
+    const char* name;
+    const char* text;
+    std::uint32_t nameSize, textSize;  // each at most a DWORD of data
+    std::size_t order;
+    std::string_view nameView() const { return std::string_view(name, nameSize); }
   };
 
   // Names hold no NUL, so equal prefixes mean equal names up to 16 bytes.
@@ -142,11 +151,31 @@ class ValuesInNameOrder {
     }
     return packed;
   }
-  std::string_view name(const Entry& entry) const {
-    return std::string_view(names_).substr(entry.nameAt, entry.nameSize);
+
+  // A copy of `bytes` that stays where it is until this object goes.
+  const char* keep(std::string_view bytes) {
+    if (bytes.empty()) return "";
+    char* at = nullptr;
+    if (bytes.size() > kBlock) {  // a block of its own; the current one stays current
+      blocks_.emplace_back(new char[bytes.size()]);
+      at = blocks_.back().get();
+    } else {
+      if (bytes.size() > left_) {
+        blocks_.emplace_back(new char[kBlock]);
+        next_ = blocks_.back().get();
+        left_ = kBlock;
+      }
+      at = next_;
+      next_ += bytes.size();
+      left_ -= bytes.size();
+    }
+    std::memcpy(at, bytes.data(), bytes.size());
+    return at;
   }
 
-  std::string names_, texts_;
+  std::vector<std::unique_ptr<char[]>> blocks_;
+  char* next_ = nullptr;
+  std::size_t left_ = 0;
   std::vector<Entry> entries_;
 };
 
@@ -207,7 +236,7 @@ RegistryValueList EnumerateValueList(HKEY key) {
   std::unique_ptr<char[]> name;
   std::size_t nameCapacity = 0;
   const std::unique_ptr<BYTE[]> data = ReadBuffer(longestData);
-  ValuesInNameOrder read;
+  ValuesInNameOrder read(count);
   for (DWORD index = 0; index < count; ++index) {
     ++nameBufferSize;
     if (nameBufferSize > nameCapacity) {

@@ -2,6 +2,7 @@
 // each registry type becomes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
 #include <string>
@@ -333,6 +334,27 @@ TEST_F(RegistryHelpersTest, ValueListOrderIsAMapsWhateverTheNames) {
   HKEY key = nullptr;
   ASSERT_EQ(OpenRegistryKey(key, platform::HKEY_LOCAL_MACHINE, "SOFTWARE\\Env"), 0);
   EXPECT_EQ(EnumerateValueList(key), RegistryValueList(expected.begin(), expected.end()));
+  CloseRegistryKey(key);
+}
+
+// Enough values to fill several of the blocks their bytes are gathered in, and one text
+// larger than a block: every name and text comes back whole, in name order.
+TEST_F(RegistryHelpersTest, ValueListOfManyAndLargeValuesComesBackWhole) {
+  std::string text =
+      "Windows Registry Editor Version 5.00\n\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Env]\n";
+  RegistryValueList expected;
+  const std::string large(300 * 1024, 'x');
+  for (int i = 3999; i >= 0; --i) {
+    const std::string name = "VARIABLE_WITH_A_LONG_NAME_" + std::to_string(100000 + i);
+    const std::string value = i == 2000 ? large : std::string(100, static_cast<char>('a' + i % 26));
+    text += "\"" + name + "\"=\"" + value + "\"\n";
+    expected.emplace_back(name, value);
+  }
+  std::sort(expected.begin(), expected.end());
+  load({{"registry/r.reg", text}});
+  HKEY key = nullptr;
+  ASSERT_EQ(OpenRegistryKey(key, platform::HKEY_LOCAL_MACHINE, "SOFTWARE\\Env"), 0);
+  EXPECT_EQ(EnumerateValueList(key), expected);
   CloseRegistryKey(key);
 }
 
