@@ -29,7 +29,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   const RegKey* software = tree.find(u"HKLM\\SOFTWARE");
   std::function<void(const RegKey&)> walk = [&](const RegKey& key) {
-    for (size_t i = 0; i < key.valueCount(); ++i) (void)key.value(i).data.size();
+    for (size_t i = 0; i < key.valueCount(); ++i) (void)key.value(i).data().size();
     for (size_t i = 0; i < key.subKeyCount(); ++i) walk(key.subKey(i));
   };
   walk(*software);

@@ -69,22 +69,22 @@ std::u16string U(const std::string& ascii) {
 // Values as Windows stores them.
 std::optional<std::u16string> Text(const RegKey* key, const char* name) {
   const RegValue* value = key ? key->findValue(U(name)) : nullptr;
-  if (!value || (value->type != REG_SZ && value->type != REG_EXPAND_SZ)) return std::nullopt;
-  std::u16string text = recorded::Utf16FromBytes(value->data.data(), value->data.size());
+  if (!value || (value->type() != REG_SZ && value->type() != REG_EXPAND_SZ)) return std::nullopt;
+  std::u16string text = recorded::Utf16FromBytes(value->data().data(), value->data().size());
   return text.substr(0, text.find(u'\0'));
 }
 
 std::optional<std::uint32_t> Dword(const RegKey* key, const char* name) {
   const RegValue* value = key ? key->findValue(U(name)) : nullptr;
-  if (!value || value->type != REG_DWORD || value->data.size() < 4) return std::nullopt;
-  return recorded::Le32(value->data.data());
+  if (!value || value->type() != REG_DWORD || value->data().size() < 4) return std::nullopt;
+  return recorded::Le32(value->data().data());
 }
 
 std::vector<std::u16string> Multi(const RegKey* key, const char* name) {
   std::vector<std::u16string> items;
   const RegValue* value = key ? key->findValue(U(name)) : nullptr;
-  if (!value || value->type != REG_MULTI_SZ) return items;
-  const std::u16string text = recorded::Utf16FromBytes(value->data.data(), value->data.size());
+  if (!value || value->type() != REG_MULTI_SZ) return items;
+  const std::u16string text = recorded::Utf16FromBytes(value->data().data(), value->data().size());
   for (size_t start = 0; start < text.size();) {
     size_t end = text.find(u'\0', start);
     if (end == std::u16string::npos) end = text.size();
@@ -211,8 +211,8 @@ std::uint32_t SuiteMask(const std::vector<std::u16string>& suites) {
 // A SYSTEMTIME rule (16 bytes) as machine.json holds it; null when a field is out of range.
 nlohmann::json Rule(const RegKey* key, const char* name) {
   const RegValue* value = key ? key->findValue(U(name)) : nullptr;
-  if (!value || value->data.size() < 16) return nullptr;
-  auto word = [&](size_t i) { return value->data[2 * i] | (value->data[2 * i + 1] << 8); };
+  if (!value || value->data().size() < 16) return nullptr;
+  auto word = [&](size_t i) { return value->data()[2 * i] | (value->data()[2 * i + 1] << 8); };
   const int month = word(1), dayOfWeek = word(2), day = word(3), hour = word(4), minute = word(5),
             second = word(6), ms = word(7);
   if (month > 12 || dayOfWeek > 6 || day > 31 || hour > 23 || minute > 59 || second > 59 ||
@@ -316,13 +316,13 @@ std::uint32_t UnixTime(std::uint64_t filetime) {
 }
 
 // The number at `at` of a record whose size the caller has checked.
-std::uint32_t Get16(const std::vector<BYTE>& d, size_t at) {
+std::uint32_t Get16(recorded::ValueBytes d, size_t at) {
   return recorded::Le16(d.data() + at);
 }
-std::uint32_t Get32(const std::vector<BYTE>& d, size_t at) {
+std::uint32_t Get32(recorded::ValueBytes d, size_t at) {
   return recorded::Le32(d.data() + at);
 }
-std::uint64_t Get64(const std::vector<BYTE>& d, size_t at) {
+std::uint64_t Get64(recorded::ValueBytes d, size_t at) {
   return recorded::Le64(d.data() + at);
 }
 
@@ -343,26 +343,26 @@ nlohmann::json Accounts(const recorded::RegistryTree& tree, std::uint64_t now) {
     const RegKey& user = users->subKey(i);
     const RegValue* f = user.findValue(u"F");
     const RegValue* v = user.findValue(u"V");
-    if (!f || !v || f->data.size() < 0x44 || v->data.size() < 0xCC) continue;
+    if (!f || !v || f->data().size() < 0x44 || v->data().size() < 0xCC) continue;
     // Text n of V: UTF-16 at 0xCC + its offset; empty when it lies outside the record.
     auto text = [v](size_t n) {
-      const size_t offset = 0xCC + static_cast<size_t>(Get32(v->data, n * 12));
-      const size_t length = Get32(v->data, n * 12 + 4);
-      if (offset > v->data.size() || length > v->data.size() - offset) return std::string();
-      return WideToUtf8(recorded::Utf16FromBytes(v->data.data() + offset, length));
+      const size_t offset = 0xCC + static_cast<size_t>(Get32(v->data(), n * 12));
+      const size_t length = Get32(v->data(), n * 12 + 4);
+      if (offset > v->data().size() || length > v->data().size() - offset) return std::string();
+      return WideToUtf8(recorded::Utf16FromBytes(v->data().data() + offset, length));
     };
     const std::string name = text(1);
     if (name.empty()) continue;
-    const std::uint32_t control = Get16(f->data, 0x38);
+    const std::uint32_t control = Get16(f->data(), 0x38);
     std::uint32_t flags = 0x0001;  // UF_SCRIPT, which NetUserEnum always reports
     for (const auto& [bit, uf] : kControl) {
       if (control & bit) flags |= uf;
     }
     char hexFlags[16];
     std::snprintf(hexFlags, sizeof hexFlags, "0x%x", flags);
-    const std::uint32_t rid = Get32(f->data, 0x30);
-    const std::uint64_t passwordSet = Get64(f->data, 0x18);
-    const std::uint64_t expires = Get64(f->data, 0x20);
+    const std::uint32_t rid = Get32(f->data(), 0x30);
+    const std::uint64_t passwordSet = Get64(f->data(), 0x18);
+    const std::uint64_t expires = Get64(f->data(), 0x20);
     const std::uint64_t age =
         now > passwordSet && passwordSet != 0 ? (now - passwordSet) / 10000000 : 0;
     records.push_back(
@@ -382,15 +382,15 @@ nlohmann::json Accounts(const recorded::RegistryTree& tree, std::uint64_t now) {
                   : rid == 501 ? 0
                                : 1},
          {"userId", rid},
-         {"primaryGroupId", Get32(f->data, 0x34)},
-         {"lastLogon", UnixTime(Get64(f->data, 0x08))},
+         {"primaryGroupId", Get32(f->data(), 0x34)},
+         {"lastLogon", UnixTime(Get64(f->data(), 0x08))},
          {"passwordAge", std::min<std::uint64_t>(age, 0xFFFFFFFFu)},
          {"acctExpires",
           expires == 0 || expires >= 0x7FFFFFFFFFFFFFFFull ? 0xFFFFFFFFu : UnixTime(expires)},
-         {"countryCode", Get16(f->data, 0x3C)},
-         {"codePage", Get16(f->data, 0x3E)},
-         {"badPwCount", Get16(f->data, 0x40)},
-         {"numLogons", Get16(f->data, 0x42)}});
+         {"countryCode", Get16(f->data(), 0x3C)},
+         {"codePage", Get16(f->data(), 0x3E)},
+         {"badPwCount", Get16(f->data(), 0x40)},
+         {"numLogons", Get16(f->data(), 0x42)}});
   }
   return records;
 }
@@ -398,8 +398,8 @@ nlohmann::json Accounts(const recorded::RegistryTree& tree, std::uint64_t now) {
 // A value an environment block can hold: a text under a name that is not empty and holds
 // no '=' (the default value of a damaged key, or a crafted name, is not a variable).
 bool IsVariable(const RegValue& value) {
-  return (value.type == REG_SZ || value.type == REG_EXPAND_SZ) && !value.name.empty() &&
-         value.name.find(u'=') == std::u16string::npos;
+  return (value.type() == REG_SZ || value.type() == REG_EXPAND_SZ) && !value.name().empty() &&
+         value.name().find(u'=') == std::u16string::npos;
 }
 
 struct Profile {
@@ -586,8 +586,8 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
   for (size_t i = 0; environment && i < environment->valueCount(); ++i) {
     const RegValue& value = environment->value(i);
     if (!IsVariable(value)) continue;
-    std::u16string text = recorded::Utf16FromBytes(value.data.data(), value.data.size());
-    env[WideToUtf8(value.name)] = WideToUtf8(text.substr(0, text.find(u'\0')));
+    std::u16string text = recorded::Utf16FromBytes(value.data().data(), value.data().size());
+    env[WideToUtf8(value.name())] = WideToUtf8(text.substr(0, text.find(u'\0')));
   }
   auto expandAll = [&] {
     for (auto& [name, value] : env) lower[recorded::Lower(name)] = value;
@@ -632,8 +632,8 @@ std::shared_ptr<RecordedMachine> LoadVolumes(std::vector<std::unique_ptr<Volume>
     for (size_t i = 0; userEnvironment && i < userEnvironment->valueCount(); ++i) {
       const RegValue& value = userEnvironment->value(i);
       if (!IsVariable(value)) continue;
-      std::u16string text = recorded::Utf16FromBytes(value.data.data(), value.data.size());
-      const std::string name = WideToUtf8(value.name);
+      std::u16string text = recorded::Utf16FromBytes(value.data().data(), value.data().size());
+      const std::string name = WideToUtf8(value.name());
       const std::string expanded = Expand(WideToUtf8(text.substr(0, text.find(u'\0'))), lower);
       std::string existing;
       for (auto it = env.begin(); it != env.end(); ++it) {

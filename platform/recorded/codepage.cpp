@@ -37,7 +37,7 @@ void AppendUtf8(std::string& out, char32_t c) {
 
 }  // namespace
 
-std::string WideToUtf8(const std::u16string& wide) {
+std::string WideToUtf8(std::u16string_view wide) {
   std::string out;
   out.reserve(wide.size());
   for (size_t i = 0; i < wide.size(); ++i) {

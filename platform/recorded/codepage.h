@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "platform/export.h"
 
@@ -24,7 +25,7 @@ KPLATFORM_API std::string WideToAnsi(const std::u16string& wide, unsigned codePa
 KPLATFORM_API std::u16string AnsiToWide(const std::string& narrow, unsigned codePage);
 
 // Unpaired surrogates and invalid UTF-8 become U+FFFD.
-KPLATFORM_API std::string WideToUtf8(const std::u16string& wide);
+KPLATFORM_API std::string WideToUtf8(std::u16string_view wide);
 KPLATFORM_API std::u16string Utf8ToWide(const std::string& utf8);
 
 // A file's bytes that begin with the UTF-16LE byte-order mark (as regedit, wmic and

@@ -52,14 +52,19 @@ std::string Hex(std::size_t value) {
 
 // Names are Latin-1 bytes when the record says "compressed" (the low bytes of UTF-16
 // units), else UTF-16LE; an odd last byte of the latter belongs to no character.
-std::u16string Name(const unsigned char* p, std::size_t bytes, bool compressed) {
-  // Sized once and filled: assigning from a byte range would build a temporary string.
-  std::u16string name(compressed ? bytes : bytes / 2, u'\0');
+// Sized once and filled: assigning from a byte range would build a temporary string.
+void NameInto(std::u16string& name, const unsigned char* p, std::size_t bytes, bool compressed) {
+  name.resize(compressed ? bytes : bytes / 2);
   if (compressed) {
     for (std::size_t i = 0; i < name.size(); ++i) name[i] = p[i];
   } else {
     for (std::size_t i = 0; i < name.size(); ++i) name[i] = Le16(p + 2 * i);
   }
+}
+
+std::u16string Name(const unsigned char* p, std::size_t bytes, bool compressed) {
+  std::u16string name;
+  NameInto(name, p, bytes, compressed);
   return name;
 }
 
@@ -360,7 +365,10 @@ std::string HiveFile::valueCells(const Key& key, std::vector<std::uint32_t>& out
   return {};
 }
 
-std::string HiveFile::readValue(std::uint32_t cell, RegValue& out) const {
+std::string HiveFile::readValue(std::uint32_t cell, RegValueParts& out) const {
+  out.name.clear();
+  out.type = REG_NONE;
+  out.data.clear();
   std::string fault;
   std::size_t length = 0;
   const unsigned char* p = payload(cell, kValueName, &length, fault);
@@ -370,9 +378,9 @@ std::string HiveFile::readValue(std::uint32_t cell, RegValue& out) const {
   if (kValueName + nameBytes > length) {
     return "value record " + Hex(cell) + ": name runs past its cell";
   }
-  out.name = Name(p + kValueName, nameBytes, (Le16(p + kValueFlags) & kValueCompressedName) != 0);
+  NameInto(out.name, p + kValueName, nameBytes,
+           (Le16(p + kValueFlags) & kValueCompressedName) != 0);
   out.type = Le32(p + kValueType);
-  out.data.clear();
   const std::uint32_t declared = Le32(p + kValueDataLength);
   const std::size_t size = declared & ~kInlineData;
   if (declared & kInlineData) {

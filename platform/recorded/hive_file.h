@@ -54,7 +54,7 @@ class KPLATFORM_API HiveFile {
   std::string subKeyCells(const Key& key, std::vector<std::uint32_t>& out) const;
   std::string valueCells(const Key& key, std::vector<std::uint32_t>& out) const;
   // A value record ("vk") with its data (inline, in one cell, or in big-data segments).
-  std::string readValue(std::uint32_t cell, RegValue& out) const;
+  std::string readValue(std::uint32_t cell, RegValueParts& out) const;
 
  private:
   HiveFile() = default;

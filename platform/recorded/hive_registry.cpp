@@ -130,8 +130,8 @@ class HiveSource : public KeySource {
     const std::string listFault = file_->valueCells(record, cells);
     if (!listFault.empty()) damaged(key, listFault);
     key.reserveLoadedValues(cells.size());
+    RegValueParts& value = value_;  // its buffers kept from one value to the next
     for (std::uint32_t cell : cells) {
-      RegValue value;
       const std::string fault = file_->readValue(cell, value);
       if (!fault.empty()) {
         damaged(key, "value " + QuoteForMessage(value.name) + " " + fault);
@@ -142,7 +142,7 @@ class HiveSource : public KeySource {
         continue;
       }
       if (!budget_.chargeValue(value)) return overBudget(key);
-      key.addLoadedValue(std::move(value));
+      key.addLoadedValue(value);
     }
   }
 
@@ -179,6 +179,7 @@ class HiveSource : public KeySource {
   std::unique_ptr<std::uint64_t, FreeDeleter> visited_;  // a bit per 4-byte cell offset
   std::mutex mutex_;
   std::vector<std::uint32_t> cells_;  // the list being loaded, kept for its capacity
+  RegValueParts value_;               // the value being read, likewise
 };
 
 }  // namespace

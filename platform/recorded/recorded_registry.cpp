@@ -230,8 +230,8 @@ const RegKey* RecordedRegistry::descend(const RegKey* key, size_t depth,
       DWORD current = 1;
       const RegKey* select = key->findSubKey(u"Select");
       const RegValue* value = select ? select->findValue(u"Current") : nullptr;
-      if (value && value->type == REG_DWORD && value->data.size() >= 4) {
-        std::memcpy(&current, value->data.data(), 4);
+      if (value && value->type() == REG_DWORD && value->data().size() >= 4) {
+        std::memcpy(&current, value->data().data(), 4);
       }
       std::string digits = std::to_string(current);
       if (digits.size() < 3) digits.insert(0, 3 - digits.size(), '0');
@@ -273,12 +273,12 @@ std::string RecordedRegistry::narrow(std::u16string_view text) const {
 }
 
 void RecordedRegistry::narrowData(const RegValue& value, NarrowData& out) const {
-  out.bytes = value.data.data();
-  out.size = value.data.size();
-  if (!IsStringType(value.type)) return;
+  out.bytes = value.data().data();
+  out.size = value.data().size();
+  if (!IsStringType(value.type())) return;
   // Strings are stored as UTF-16LE; an odd last byte is no character and is dropped.
-  const size_t units = value.data.size() / 2;
-  const BYTE* data = value.data.data();
+  const size_t units = value.data().size() / 2;
+  const BYTE* data = value.data().data();
   bool ascii = asciiKept_;
   for (size_t i = 0; ascii && i < units; ++i) ascii = data[2 * i] < 0x80 && data[2 * i + 1] == 0;
   if (ascii) {
@@ -286,7 +286,7 @@ void RecordedRegistry::narrowData(const RegValue& value, NarrowData& out) const 
     out.fromAscii = true;
     return;
   }
-  out.converted = narrow(Utf16FromBytes(data, value.data.size()));
+  out.converted = narrow(Utf16FromBytes(data, value.data().size()));
   out.bytes = reinterpret_cast<const BYTE*>(out.converted.data());
   out.size = out.converted.size();
 }
@@ -376,8 +376,8 @@ LONG RecordedRegistry::RegQueryInfoKeyA(HKEY handle, char* className, DWORD* cla
     longestKey = std::max(longestKey, key->subKey(i).name().size());
   }
   for (size_t i = 0; i < key->valueCount(); ++i) {
-    longestName = std::max(longestName, key->value(i).name.size());
-    longestData = std::max(longestData, key->value(i).data.size());
+    longestName = std::max(longestName, key->value(i).name().size());
+    longestData = std::max(longestData, key->value(i).data().size());
   }
   if (className && *classLength > 0) className[0] = '\0';
   if (classLength) *classLength = 0;
@@ -429,10 +429,10 @@ LONG RecordedRegistry::RegEnumValueA(HKEY handle, DWORD index, char* name, DWORD
   if (index >= key->valueCount()) return ERROR_NO_MORE_ITEMS;
 
   const RegValue& value = key->value(index);
-  const std::string text = narrow(value.name);
+  const std::string text = narrow(value.name());
   NarrowData bytes;
   narrowData(value, bytes);
-  if (type) *type = value.type;
+  if (type) *type = value.type();
   // Either part too small: neither buffer is written, the name length is left as it
   // was, and the data length says what the data needs.
   if (text.size() >= *nameLength || (data && bytes.size > *dataLength)) {
@@ -441,7 +441,7 @@ LONG RecordedRegistry::RegEnumValueA(HKEY handle, DWORD index, char* name, DWORD
   }
   std::memcpy(name, text.c_str(), text.size() + 1);
   *nameLength = static_cast<DWORD>(text.size());
-  if (data) CopyData(bytes, value.type, data, *dataLength);
+  if (data) CopyData(bytes, value.type(), data, *dataLength);
   if (dataLength) *dataLength = static_cast<DWORD>(bytes.size);
   return ERROR_SUCCESS;
 }
@@ -466,10 +466,10 @@ LONG RecordedRegistry::RegQueryValueExA(HKEY handle, const char* valueName, DWOR
     if (bytes.size > *dataLength) {
       status = ERROR_MORE_DATA;  // nothing copied
     } else {
-      CopyData(bytes, value->type, data, *dataLength);
+      CopyData(bytes, value->type(), data, *dataLength);
     }
   }
-  if (type) *type = value->type;
+  if (type) *type = value->type();
   if (dataLength) *dataLength = static_cast<DWORD>(bytes.size);
   return status;
 }

@@ -250,7 +250,7 @@ class Parser {
 
   void valueLine() {
     const size_t at = line_;
-    RegValue value;
+    RegValueParts value;
     if (text_[pos_] == u'@') {
       ++pos_;
     } else {
@@ -277,11 +277,11 @@ class Parser {
       typedData(value);
     }
     if (!budget_.chargeValue(value)) overBudget(at);
-    if (current_) current_->setValue(std::move(value));
+    if (current_) current_->setValue(value);
   }
 
   // dword:, hex: and hex(N): data.
-  void typedData(RegValue& value) {
+  void typedData(RegValueParts& value) {
     const size_t at = line_;
     const size_t colon = text_.find(u':', pos_);
     const size_t eol = text_.find(u'\n', pos_);

@@ -2,6 +2,8 @@
 #include "platform/recorded/registry_model.h"
 
 #include <algorithm>
+#include <cstring>
+#include <new>
 
 #include "platform/recorded/codepage.h"
 #include "platform/recorded/record_error.h"
@@ -19,8 +21,20 @@ constexpr size_t kIndexThreshold = 8;
 static const std::u16string& NameOf(const RegKey& key) {
   return key.name();
 }
-static const std::u16string& NameOf(const RegValue& value) {
-  return value.name;
+static std::u16string_view NameOf(const RegValue& value) {
+  return value.name();
+}
+
+std::unique_ptr<RegValue> RegValue::Make(std::u16string_view name, DWORD type, const BYTE* data,
+                                         size_t size) {
+  static_assert(sizeof(RegValue) % alignof(char16_t) == 0, "the name follows the record");
+  auto* memory =
+      static_cast<unsigned char*>(::operator new(sizeof(RegValue) + 2 * name.size() + size));
+  std::unique_ptr<RegValue> value(new (memory) RegValue(type, name.size(), size));
+  unsigned char* tail = memory + sizeof(RegValue);
+  if (!name.empty()) std::memcpy(tail, name.data(), 2 * name.size());
+  if (size != 0) std::memcpy(tail + 2 * name.size(), data, size);
+  return value;
 }
 
 char16_t UpcaseChar(char16_t c) {
@@ -185,7 +199,7 @@ void RegKey::NamedList<T>::compact(bool sortByName) {
   // are unique within a key, so stability only keeps the sort predictable. Lists usually
   // come in order already (a hive's, an export's), and are then left as they are.
   const auto foldedLess = [](const auto& a, const auto& b) {
-    const std::u16string &x = NameOf(*a), &y = NameOf(*b);
+    const std::u16string_view x = NameOf(*a), y = NameOf(*b);
     const size_t n = std::min(x.size(), y.size());
     for (size_t i = 0; i < n; ++i) {
       const char16_t p = UpcaseChar(x[i]), q = UpcaseChar(y[i]);
@@ -240,18 +254,19 @@ const RegValue* RegKey::findValue(std::u16string_view name) const {
   return values_.find(name);
 }
 
-void RegKey::setValue(RegValue value) {
+void RegKey::setValue(const RegValueParts& value) {
   need(KeySource::kValues);
-  addLoadedValue(std::move(value));
+  addLoadedValue(value);
 }
 
-void RegKey::addLoadedValue(RegValue value) {
-  if (RegValue* existing = values_.find(value.name)) {
-    existing->type = value.type;
-    existing->data = std::move(value.data);
+void RegKey::addLoadedValue(const RegValueParts& value) {
+  const size_t at = values_.position(value.name);
+  if (at < values_.items.size()) {
+    std::unique_ptr<RegValue>& existing = values_.items[at];
+    existing = RegValue::Make(existing->name(), value.type, value.data.data(), value.data.size());
     return;
   }
-  values_.add(std::make_unique<RegValue>(std::move(value)));
+  values_.add(RegValue::Make(value));
 }
 
 void RegKey::removeValue(const std::u16string& name) {
@@ -398,7 +413,7 @@ bool LoadBudget::chargeKey(const std::u16string& name) {
   return used_ <= limit_;
 }
 
-bool LoadBudget::chargeValue(const RegValue& value) {
+bool LoadBudget::chargeValue(const RegValueParts& value) {
   used_ += kValueOverhead + 2 * value.name.size() + value.data.size();
   return used_ <= limit_;
 }

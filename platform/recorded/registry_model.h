@@ -38,10 +38,58 @@ KPLATFORM_API char16_t UpcaseChar(char16_t c);
 KPLATFORM_API std::u16string FoldName(const std::u16string& name);
 KPLATFORM_API bool NamesEqual(std::u16string_view a, std::u16string_view b);
 
-struct RegValue {
+// The data of a value as a key holds it: the bytes, with what callers use of a vector.
+class ValueBytes {
+ public:
+  ValueBytes(const BYTE* data, size_t size) : data_(data), size_(size) {}
+  const BYTE* data() const { return data_; }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  const BYTE* begin() const { return data_; }
+  const BYTE* end() const { return data_ + size_; }
+  BYTE operator[](size_t index) const { return data_[index]; }
+
+ private:
+  const BYTE* data_;
+  size_t size_;
+};
+
+// A value as a reader makes it, part by part, before a key takes it.
+struct RegValueParts {
   std::u16string name;  // empty: the key's default value
   DWORD type = REG_NONE;
   std::vector<BYTE> data;
+};
+
+// A value as a key keeps it: name, type and data in one allocation. A large hive holds
+// millions of values, and a name string and a data vector of their own, two more
+// allocations each, were much of the cost of reading one.
+class KPLATFORM_API RegValue {
+ public:
+  static std::unique_ptr<RegValue> Make(std::u16string_view name, DWORD type, const BYTE* data,
+                                        size_t size);
+  static std::unique_ptr<RegValue> Make(const RegValueParts& parts) {
+    return Make(parts.name, parts.type, parts.data.data(), parts.data.size());
+  }
+  RegValue(const RegValue&) = delete;
+  RegValue& operator=(const RegValue&) = delete;
+  static void operator delete(void* value) { ::operator delete(value); }
+
+  // Empty: the key's default value.
+  std::u16string_view name() const {
+    return {reinterpret_cast<const char16_t*>(this + 1), nameLength_};
+  }
+  DWORD type() const { return type_; }
+  ValueBytes data() const {
+    return {reinterpret_cast<const BYTE*>(this + 1) + 2 * nameLength_, size_};
+  }
+
+ private:
+  RegValue(DWORD type, size_t nameLength, size_t size)
+      : type_(type), nameLength_(nameLength), size_(size) {}
+  DWORD type_;
+  size_t nameLength_;
+  size_t size_;
 };
 
 class RegKey;
@@ -100,7 +148,9 @@ class KPLATFORM_API RegKey {
     return *values_.items[index];
   }
   const RegValue* findValue(std::u16string_view name) const;
-  void setValue(RegValue value);  // replaces a value of the same name in place
+  // Replaces the type and data of a value of the same name in place (its name keeps the
+  // spelling it had).
+  void setValue(const RegValueParts& value);
   void removeValue(const std::u16string& name);
 
   // Drops the holes that removals leave and puts sub-keys added since the last call in
@@ -119,7 +169,7 @@ class KPLATFORM_API RegKey {
   // For a KeySource while it fills this key: adds without asking the source again. A
   // sub-key of a name already held is answered instead of a new one (`*added` false).
   RegKey& addLoadedSubKey(std::u16string name, bool* added);
-  void addLoadedValue(RegValue value);  // replaces a value of the same name in place
+  void addLoadedValue(const RegValueParts& value);  // as setValue
   // Room for `count` more, so that a long list is not regrown (and reindexed) as it fills.
   void reserveLoadedSubKeys(size_t count);
   void reserveLoadedValues(size_t count);
@@ -141,7 +191,7 @@ class KPLATFORM_API RegKey {
   }
   // Items in order, with a name index built once a list grows past a few entries, so
   // lookups stay cheap in keys with thousands of children. The index is an open-addressing
-  // table of item positions (4 bytes a slot, hashed on the upper-cased name), as a key
+  // table of item positions (8 bytes a slot, hashed on the upper-cased name), as a key
   // with a million values must not cost a hash node and a name copy per value. Removal
   // leaves a null hole (and its slot) until compact(), so a long run of removals is not
   // quadratic; additions are sorted there too (when asked), once, rather than kept in
@@ -159,13 +209,13 @@ class KPLATFORM_API RegKey {
     // were listed (enumerate, then open each). Only a hint, so relaxed.
     mutable std::atomic<std::uint32_t> next{0};
     T* find(std::u16string_view name) const;
+    size_t position(std::u16string_view name) const;  // items.size() when absent
     void add(std::unique_ptr<T> item);
     void remove(std::u16string_view name);
     void compact(bool sortByName);
     void reserve(size_t more);
 
    private:
-    size_t position(std::u16string_view name) const;  // items.size() when absent
     void insertSlot(size_t position, std::uint64_t hash);
     void buildIndex(size_t capacity = 0);  // slots for at least `capacity` items
   };
@@ -228,7 +278,7 @@ class KPLATFORM_API LoadBudget {
   explicit LoadBudget(std::uint64_t sourceBytes);
   // False once the charges so far exceed the budget.
   bool chargeKey(const std::u16string& name);
-  bool chargeValue(const RegValue& value);
+  bool chargeValue(const RegValueParts& value);
   std::uint64_t limit() const { return limit_; }
 
  private:

@@ -41,7 +41,7 @@ size_t CountKeys(const RegKey& key) {
   return n;
 }
 
-std::string Bytes(const std::vector<BYTE>& data) {
+std::string Bytes(platform::recorded::ValueBytes data) {
   return std::string(data.begin(), data.end());
 }
 
@@ -91,8 +91,8 @@ TEST(RegParser, ValueKinds) {
     ASSERT_NE(key, nullptr);
     const RegValue* value = key->findValue(Utf8ToWide(c.name));
     ASSERT_NE(value, nullptr);
-    EXPECT_EQ(value->type, c.type);
-    EXPECT_EQ(Bytes(value->data), c.data);
+    EXPECT_EQ(value->type(), c.type);
+    EXPECT_EQ(Bytes(value->data()), c.data);
   }
 }
 
@@ -119,7 +119,7 @@ TEST(RegParser, RootsRemovalsAndOrder) {
   EXPECT_EQ(keep->subKey(0).name(), u"alpha");
   EXPECT_EQ(keep->subKey(1).name(), u"Zeta");
   ASSERT_EQ(keep->valueCount(), 1u);
-  EXPECT_EQ(keep->value(0).name, u"v2");
+  EXPECT_EQ(keep->value(0).name(), u"v2");
   EXPECT_EQ(tree.find(u"HKLM\\SOFTWARE\\Never"), nullptr);
 }
 
@@ -154,8 +154,8 @@ TEST(RegParser, EncodingsAgree) {
     ASSERT_NE(key, nullptr);
     const RegValue* value = key->findValue(u"имя");  // case-insensitive in Cyrillic too
     ASSERT_NE(value, nullptr);
-    EXPECT_EQ(value->type, platform::REG_SZ);
-    EXPECT_EQ(Utf16FromBytes(value->data.data(), value->data.size()),
+    EXPECT_EQ(value->type(), platform::REG_SZ);
+    EXPECT_EQ(Utf16FromBytes(value->data().data(), value->data().size()),
               std::u16string(u"Привет") + u'\0');
   }
 }
@@ -360,9 +360,9 @@ TEST(RegParser, RemovedNamesCanReturn) {
   ASSERT_NE(list->findSubKey(u"K3"), nullptr);
   EXPECT_NE(list->findSubKey(u"K3")->findValue(u"v"), nullptr);
   ASSERT_EQ(list->valueCount(), 19u);
-  EXPECT_EQ(list->value(3).name, u"v4");  // values keep the order written
-  EXPECT_EQ(list->value(18).name, u"v3");
-  EXPECT_EQ(list->findValue(u"V3")->data[0], 2);
+  EXPECT_EQ(list->value(3).name(), u"v4");  // values keep the order written
+  EXPECT_EQ(list->value(18).name(), u"v3");
+  EXPECT_EQ(list->findValue(u"V3")->data()[0], 2);
   EXPECT_EQ(list->findValue(u"v19"), nullptr);
 }
 
@@ -441,7 +441,7 @@ TEST(RegParserRealData, XpExportKeepsKeysAndMultiLineStrings) {
   for (size_t i = 0; i < uninstall->subKeyCount(); ++i) {
     const RegValue* comments = uninstall->subKey(i).findValue(u"Comments");
     if (!comments) continue;
-    const std::u16string text = Utf16FromBytes(comments->data.data(), comments->data.size());
+    const std::u16string text = Utf16FromBytes(comments->data().data(), comments->data().size());
     if (text.find(u"Extended.\r\nIf you later install") != std::u16string::npos) {
       ++multiLine;
       EXPECT_NE(text.find(u"automatically.\r\nFor more information"), std::u16string::npos);
@@ -464,7 +464,7 @@ TEST(RegParser, RegeditMultiLineExportExcerpt) {
   const RegValue* comments = fix->findValue(u"Comments");
   ASSERT_NE(comments, nullptr);
   EXPECT_EQ(
-      Utf16FromBytes(comments->data.data(), comments->data.size()),
+      Utf16FromBytes(comments->data().data(), comments->data().size()),
       std::u16string(u"This security update is for Microsoft .NET Framework 4 Extended.\r\n"
                      u"If you later install a more recent service pack, this security "
                      u"update will be uninstalled automatically.\r\n"
@@ -475,7 +475,7 @@ TEST(RegParser, RegeditMultiLineExportExcerpt) {
   ASSERT_NE(wmp, nullptr);
   const RegValue* icon = wmp->findValue(u"DisplayIcon");
   ASSERT_NE(icon, nullptr);
-  EXPECT_EQ(icon->type, platform::REG_EXPAND_SZ);
-  EXPECT_EQ(Utf16FromBytes(icon->data.data(), icon->data.size()),
+  EXPECT_EQ(icon->type(), platform::REG_EXPAND_SZ);
+  EXPECT_EQ(Utf16FromBytes(icon->data().data(), icon->data().size()),
             std::u16string(u"\"%ProgramFiles%\\windows media player\\wmplayer.exe\"") + u'\0');
 }

@@ -46,18 +46,18 @@ class HivexDiffer {
       const std::string where = path + " value " + (name ? name.get() : "?");
       // libhivex converts names to UTF-8 C strings: it gives none for what is no valid
       // UTF-16, and a name holding a NUL ends there.
-      if (!name || (ours.name.find(u'\0') != std::u16string::npos &&
-                    name.get() == WideToUtf8(ours.name.substr(0, ours.name.find(u'\0')))))
+      if (!name || (ours.name().find(u'\0') != std::u16string::npos &&
+                    name.get() == WideToUtf8(ours.name().substr(0, ours.name().find(u'\0')))))
         return where + ": libhivex cannot convert the name";
-      if (name.get() != WideToUtf8(ours.name)) return where + ": name";
+      if (name.get() != WideToUtf8(ours.name())) return where + ": name";
       // A plain integer: real hives hold types outside the enum (such as 0xFFFF0011).
       std::underlying_type_t<hive_type> type = 0;
       size_t length = 0;
       std::unique_ptr<char, Freed> data(
           hivex_value_value(hive_, v, reinterpret_cast<hive_type*>(&type), &length));
-      if (static_cast<DWORD>(type) != ours.type) return where + ": type";
+      if (static_cast<DWORD>(type) != ours.type()) return where + ": type";
       const std::string theirs = data ? std::string(data.get(), length) : std::string();
-      if (theirs != std::string(ours.data.begin(), ours.data.end())) return where + ": data";
+      if (theirs != std::string(ours.data().begin(), ours.data().end())) return where + ": data";
       ++values;
     }
     if (n != key.valueCount()) return path + ": more values";
