@@ -272,6 +272,22 @@ std::string RecordedRegistry::narrow(std::u16string_view text) const {
   return WideToAnsi(std::u16string(text), codePage_);
 }
 
+void NarrowName::copyTo(char* out) const {
+  if (fromAscii) {
+    for (size_t i = 0; i < wide.size(); ++i) out[i] = static_cast<char>(wide[i]);
+    out[wide.size()] = '\0';
+  } else {
+    std::memcpy(out, converted.c_str(), converted.size() + 1);
+  }
+}
+
+void RecordedRegistry::narrowName(std::u16string_view name, NarrowName& out) const {
+  out.wide = name;
+  out.fromAscii =
+      asciiKept_ && std::all_of(name.begin(), name.end(), [](char16_t c) { return c < 0x80; });
+  if (!out.fromAscii) out.converted = narrow(name);
+}
+
 void RecordedRegistry::narrowData(const RegValue& value, NarrowData& out) const {
   out.bytes = value.data().data();
   out.size = value.data().size();
@@ -405,12 +421,13 @@ LONG RecordedRegistry::RegEnumKeyExA(HKEY handle, DWORD index, char* name, DWORD
   if (index == 0 && key->subKeyCount() >= kReadAheadSubKeys) key->readAheadSubKeys();
 
   const RegKey& sub = key->subKey(index);
-  const std::string text = narrow(sub.name());
+  NarrowName text;
+  narrowName(sub.name(), text);
   // The name and its NUL must fit; the length is then left as it was.
   if (text.size() >= *nameLength || (className && classLength && *classLength == 0)) {
     return ERROR_MORE_DATA;
   }
-  std::memcpy(name, text.c_str(), text.size() + 1);
+  text.copyTo(name);
   *nameLength = static_cast<DWORD>(text.size());
   if (className && classLength) className[0] = '\0';
   if (classLength) *classLength = 0;
@@ -429,7 +446,8 @@ LONG RecordedRegistry::RegEnumValueA(HKEY handle, DWORD index, char* name, DWORD
   if (index >= key->valueCount()) return ERROR_NO_MORE_ITEMS;
 
   const RegValue& value = key->value(index);
-  const std::string text = narrow(value.name());
+  NarrowName text;
+  narrowName(value.name(), text);
   NarrowData bytes;
   narrowData(value, bytes);
   if (type) *type = value.type();
@@ -439,7 +457,7 @@ LONG RecordedRegistry::RegEnumValueA(HKEY handle, DWORD index, char* name, DWORD
     if (dataLength) *dataLength = static_cast<DWORD>(bytes.size);
     return ERROR_MORE_DATA;
   }
-  std::memcpy(name, text.c_str(), text.size() + 1);
+  text.copyTo(name);
   *nameLength = static_cast<DWORD>(text.size());
   if (data) CopyData(bytes, value.type(), data, *dataLength);
   if (dataLength) *dataLength = static_cast<DWORD>(bytes.size);

@@ -26,6 +26,18 @@ struct NarrowData {
   std::string converted;
 };
 
+// A key's or value's name as the narrow calls return it: an ASCII name is narrowed as it
+// is copied (`wide`), any other converted to the code page first (`converted`). Listing a
+// key of many thousands of names would otherwise convert each into a string of its own.
+struct NarrowName {
+  std::u16string_view wide;
+  bool fromAscii = false;
+  std::string converted;
+  size_t size() const { return fromAscii ? wide.size() : converted.size(); }
+  // The name and its NUL, size() + 1 bytes.
+  void copyTo(char* out) const;
+};
+
 // Not in platform/types.h: only the recorded registry produces it.
 constexpr LONG ERROR_BAD_PATHNAME = 161;
 
@@ -97,6 +109,7 @@ class KPLATFORM_API RecordedRegistry : public Registry {
                         size_t count) const;
   const RegKey* keyOf(HKEY handle, REGSAM need, LONG& status) const;
   std::string narrow(std::u16string_view text) const;
+  void narrowName(std::u16string_view name, NarrowName& out) const;
   void narrowData(const RegValue& value, NarrowData& out) const;
 
   RegistryTree tree_;
