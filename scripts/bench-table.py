@@ -2,7 +2,7 @@
 """Measures whole processes and prints the performance table (scripts/bench.sh runs it).
 
     scripts/bench-table.py --bin build/bench/bin --synthetic build/bench/synthetic
-                           [--realdata ../shared/realdata] [--runs 11] [--big-runs 3]
+                           [--realdata ../shared/realdata] [--runs 11] [--big-runs 5]
 
 Each figure is the median of several runs: wall time from start to exit, and the peak
 resident set of that one process (GNU time's %M). Figures that are compared are
@@ -246,7 +246,7 @@ def main():
     parser.add_argument("--realdata", default=os.path.join(
         os.path.dirname(os.path.abspath(__file__)), "..", "..", "shared", "realdata"))
     parser.add_argument("--runs", type=int, default=11, help="runs of small cases")
-    parser.add_argument("--big-runs", type=int, default=3, help="runs of 100,000-entry cases")
+    parser.add_argument("--big-runs", type=int, default=5, help="runs of 100,000-entry cases")
     parser.add_argument("--query-runs", type=int, default=3,
                         help="repetitions of each in-process query benchmark (the least counts)")
     args = parser.parse_args()

@@ -5,12 +5,12 @@
 # inventory, and of the synthetic cases with their growth from 1,000 to 100,000 entries,
 # plus in-process query times from ia_bench; each figure a median, with its target.
 #   scripts/bench.sh [RUNS [BIG_RUNS]]   runs per small case (default 11), per 100,000-entry
-#                                        case (default 3)
+#                                        case (default 5)
 # See docs/performance.md.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 runs=${1:-11}
-big_runs=${2:-3}
+big_runs=${2:-5}
 case "$runs$big_runs" in
   *[!0-9]*) echo "usage: $0 [RUNS [BIG_RUNS]]" >&2; exit 2 ;;
 esac
