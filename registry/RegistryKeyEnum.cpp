@@ -124,7 +124,12 @@ class ValuesInNameOrder {
     });
     RegistryValueList values;
     values.reserve(entries_.size());
-    for (const Entry& entry : entries_) {
+    // In name order the blocks are read out of order: each entry is asked for a few ahead
+    // of its turn, so that its read from memory overlaps the copying of those before it.
+    constexpr std::size_t kAhead = 8;
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      if (i + kAhead < entries_.size()) Prefetch(entries_[i + kAhead].name);
+      const Entry& entry = entries_[i];
       if (!values.empty() && values.back().first == entry.nameView()) continue;
       values.emplace_back(std::string(entry.nameView()), std::string(entry.text, entry.textSize));
     }
@@ -142,6 +147,14 @@ class ValuesInNameOrder {
     std::size_t order;
     std::string_view nameView() const { return std::string_view(name, nameSize); }
   };
+
+  static void Prefetch(const char* at) {
+#if defined(__GNUC__)
+    __builtin_prefetch(at);
+#else
+    (void)at;
+#endif
+  }
 
   // Names hold no NUL, so equal prefixes mean equal names up to 16 bytes.
   static std::uint64_t Packed(std::string_view name, std::size_t from) {
