@@ -129,8 +129,9 @@ class HiveSource : public KeySource {
     std::vector<std::uint32_t>& cells = cells_;
     const std::string listFault = file_->valueCells(record, cells);
     if (!listFault.empty()) damaged(key, listFault);
-    key.reserveLoadedValues(cells.size());
     RegValueParts& value = value_;  // its buffers kept from one value to the next
+    std::vector<std::unique_ptr<RegValue>>& made = made_;
+    made.reserve(cells.size());
     for (std::uint32_t cell : cells) {
       const std::string fault = file_->readValue(cell, value);
       if (!fault.empty()) {
@@ -141,9 +142,13 @@ class HiveSource : public KeySource {
         damaged(key, "value name longer than 16,383 characters: " + QuoteForMessage(value.name));
         continue;
       }
-      if (!budget_.chargeValue(value)) return overBudget(key);
-      key.addLoadedValue(value);
+      if (!budget_.chargeValue(value)) {
+        overBudget(key);
+        break;
+      }
+      made.push_back(RegValue::Make(value));
     }
+    key.addLoadedValues(made);
   }
 
   void overBudget(const RegKey& key) {
@@ -178,8 +183,9 @@ class HiveSource : public KeySource {
   LoadBudget budget_;
   std::unique_ptr<std::uint64_t, FreeDeleter> visited_;  // a bit per 4-byte cell offset
   std::mutex mutex_;
-  std::vector<std::uint32_t> cells_;  // the list being loaded, kept for its capacity
-  RegValueParts value_;               // the value being read, likewise
+  std::vector<std::uint32_t> cells_;             // the list being loaded, kept for its capacity
+  RegValueParts value_;                          // the value being read, likewise
+  std::vector<std::unique_ptr<RegValue>> made_;  // the values read, likewise
 };
 
 }  // namespace

@@ -173,6 +173,63 @@ void RegKey::NamedList<T>::add(std::unique_ptr<T> item) {
   }
 }
 
+// Into an empty list with an index, the index is built in one pass over hashes taken
+// first, asking for each slot a few items ahead: with many thousands of items every slot
+// is a cache miss, and one after another they were most of loading a long value list.
+template <typename T>
+template <typename Merge>
+void RegKey::NamedList<T>::addAll(std::vector<std::unique_ptr<T>>& more, Merge merge) {
+  if (!items.empty() || more.size() <= kIndexThreshold) {
+    for (auto& item : more) {
+      const size_t at = position(NameOf(*item));
+      if (at < items.size()) {
+        merge(items[at], item);
+      } else {
+        add(std::move(item));
+      }
+    }
+    more.clear();
+    return;
+  }
+  items.swap(more);
+  more.clear();
+  added = true;
+  size_t size = 16;
+  while (size < items.size() * 2 + 2) size *= 2;
+  slots.assign(size, 0);
+  const size_t mask = size - 1;
+  std::vector<std::uint64_t> hashes(items.size());
+  for (size_t i = 0; i < items.size(); ++i) hashes[i] = FoldedHash(NameOf(*items[i]));
+  constexpr size_t kAhead = 16;
+  bool merged = false;
+  for (size_t i = 0; i < items.size(); ++i) {
+#if defined(__GNUC__)
+    if (i + kAhead < items.size()) __builtin_prefetch(&slots[hashes[i + kAhead] & mask], 1);
+#endif
+    const std::uint64_t tag = hashes[i] & kTagMask;
+    size_t s = hashes[i] & mask;
+    size_t held = items.size();
+    for (; slots[s] != 0; s = (s + 1) & mask) {
+      const size_t j = static_cast<std::uint32_t>(slots[s]) - 1;
+      if ((slots[s] & kTagMask) == tag && NamesEqual(NameOf(*items[j]), NameOf(*items[i]))) {
+        held = j;
+        break;
+      }
+    }
+    if (held < items.size()) {
+      merge(items[held], items[i]);
+      items[i].reset();
+      merged = true;
+    } else {
+      slots[s] = tag | static_cast<std::uint32_t>(i + 1);
+    }
+  }
+  if (merged) {
+    items.erase(std::remove(items.begin(), items.end(), nullptr), items.end());
+    buildIndex();
+  }
+}
+
 template <typename T>
 void RegKey::NamedList<T>::remove(std::u16string_view name) {
   const size_t i = position(name);
@@ -257,6 +314,13 @@ const RegValue* RegKey::findValue(std::u16string_view name) const {
 void RegKey::setValue(const RegValueParts& value) {
   need(KeySource::kValues);
   addLoadedValue(value);
+}
+
+void RegKey::addLoadedValues(std::vector<std::unique_ptr<RegValue>>& values) {
+  values_.addAll(values, [](std::unique_ptr<RegValue>& held, std::unique_ptr<RegValue>& value) {
+    const ValueBytes data = value->data();
+    held = RegValue::Make(held->name(), value->type(), data.data(), data.size());
+  });
 }
 
 void RegKey::addLoadedValue(const RegValueParts& value) {

@@ -170,6 +170,8 @@ class KPLATFORM_API RegKey {
   // sub-key of a name already held is answered instead of a new one (`*added` false).
   RegKey& addLoadedSubKey(std::u16string name, bool* added);
   void addLoadedValue(const RegValueParts& value);  // as setValue
+  // Each as addLoadedValue would, in order; `values` is left empty.
+  void addLoadedValues(std::vector<std::unique_ptr<RegValue>>& values);
   // Room for `count` more, so that a long list is not regrown (and reindexed) as it fills.
   void reserveLoadedSubKeys(size_t count);
   void reserveLoadedValues(size_t count);
@@ -211,6 +213,10 @@ class KPLATFORM_API RegKey {
     T* find(std::u16string_view name) const;
     size_t position(std::u16string_view name) const;  // items.size() when absent
     void add(std::unique_ptr<T> item);
+    // Adds `more` in order. An item whose name one already held has is handed to
+    // `merge(held, item)` instead of being added.
+    template <typename Merge>
+    void addAll(std::vector<std::unique_ptr<T>>& more, Merge merge);
     void remove(std::u16string_view name);
     void compact(bool sortByName);
     void reserve(size_t more);

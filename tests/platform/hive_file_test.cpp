@@ -22,6 +22,7 @@ using ia_test::HivexDiffer;
 
 #include "platform/recorded/codepage.h"
 #include "platform/recorded/hive_file.h"
+#include "platform/recorded/little_endian.h"
 #include "platform/recorded/record_error.h"
 #include "platform/recorded/recorded_registry.h"
 
@@ -30,6 +31,7 @@ using platform::recorded::HiveFile;
 using platform::recorded::Mount;
 using platform::recorded::RecordedRegistry;
 using platform::recorded::RegKey;
+using platform::recorded::RegValue;
 using platform::recorded::WideToUtf8;
 
 namespace {
@@ -283,6 +285,53 @@ TEST(HiveFile, DamagedKeysAreLeftOutAndReportedByFileAndKey) {
         << damage[0];
     EXPECT_NE(damage[0].find(c.report), std::string::npos) << damage[0];
   }
+  std::filesystem::remove(path);
+}
+
+// tests/fixtures/hostile/duplicate-values.hive (scripts/synthetic_registry.py's writer):
+// HKLM\SOFTWARE\Dup with the DWORDs V00 to V11 (each holding its number), Few with AAA,
+// BBB and CCC (1, 2, 3). Renaming a value to another's name in other case makes one list name
+// a value twice: it is read as one value, where the first stood and spelt as the first
+// was, with the data of the last; in a long list (indexed as it loads) and a short one.
+TEST(HiveFile, ValueNamedTwiceReadsAsOneWithTheLastData) {
+  std::string hive = ReadFile(IA_SOURCE_DIR "/tests/fixtures/hostile/duplicate-values.hive");
+  hive.replace(NameAt(hive, "V11"), 3, "v03");
+  hive.replace(NameAt(hive, "V07"), 3, "v03");
+  hive.replace(NameAt(hive, "CCC"), 3, "aaa");
+  const std::string path =
+      ::testing::TempDir() + "duplicates-" + std::to_string(::getpid()) + ".hive";
+  std::ofstream(path, std::ios::binary) << hive;
+  RecordedRegistry reg;
+  reg.loadHive(path, Mount::Software);
+  const struct {
+    const char16_t* key;
+    std::vector<std::string> names;  // as listed
+    const char16_t* twice;           // looked up in other case
+    std::uint32_t data;              // its data
+  } cases[] = {
+      {u"HKLM\\SOFTWARE\\Dup",
+       {"V00", "V01", "V02", "V03", "V04", "V05", "V06", "V08", "V09", "V10"},
+       u"v03",
+       11},
+      {u"HKLM\\SOFTWARE\\Few", {"AAA", "BBB"}, u"Aaa", 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(WideToUtf8(c.key));
+    const RegKey* key = reg.tree().find(c.key);
+    ASSERT_NE(key, nullptr);
+    std::vector<std::string> names;
+    for (size_t i = 0; i < key->valueCount(); ++i)
+      names.push_back(WideToUtf8(key->value(i).name()));
+    EXPECT_EQ(names, c.names);
+    const RegValue* value = key->findValue(c.twice);
+    ASSERT_NE(value, nullptr);
+    ASSERT_EQ(value->data().size(), 4u);
+    EXPECT_EQ(recorded::Le32(value->data().data()), c.data);
+    for (size_t i = 0; i < key->valueCount(); ++i) {
+      EXPECT_EQ(key->findValue(key->value(i).name()), &key->value(i));
+    }
+  }
+  EXPECT_EQ(reg.tree().damage(), std::vector<std::string>());
   std::filesystem::remove(path);
 }
 
