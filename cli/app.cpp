@@ -138,8 +138,15 @@ int collect(const CollectOptions& options, std::ostream& out, std::ostream& err)
   boost::shared_ptr<NKestovaTessil20::ICIMNamespace> ns = host.GetNamespace();
   for (const std::string& name : names) {
     ClassView view{name, {}};
+    std::string declaredFor;
+    std::vector<PropertyView> declared;
     for (const auto& instance : host.GetInstances(name, false)) {
-      view.instances.push_back(describeInstance(*ns, *instance));
+      const std::string className = instance->GetInstanceClassName();
+      if (className != declaredFor || view.instances.empty()) {
+        declared = describeClass(*ns, className);
+        declaredFor = className;
+      }
+      view.instances.push_back(describeInstance(declared, *instance));
     }
     classes.push_back(std::move(view));
   }

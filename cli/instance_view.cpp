@@ -9,16 +9,12 @@ using NKestovaTessil20::TCIMReference;
 using NKestovaTessil20::TCIMValue;
 using NKestovaTessil20::TOptions;
 
-InstanceView describeInstance(NKestovaTessil20::ICIMNamespace& ns,
-                              NKestovaTessil20::ICIMInstance& instance) {
-  InstanceView view;
-  view.className = instance.GetInstanceClassName();
-  TCIMReference reference;
-  instance.GetReference(reference, TOptions());
-  view.path = reference.GetPath();
-
+std::vector<PropertyView> describeClass(NKestovaTessil20::ICIMNamespace& ns,
+                                        const std::string& className) {
+  std::vector<PropertyView> properties;
   boost::shared_ptr<ICIMClass> cls;
-  ns.GetClass(cls, view.className, TOptions());
+  ns.GetClass(cls, className, TOptions());
+  if (!cls) return properties;
   std::vector<std::string> names;
   NKestovaTessil20::TAddKeyNamesToVectorCallback collect(names);
   cls->EnumeratePropertyNames(collect, TOptions());
@@ -34,10 +30,23 @@ InstanceView describeInstance(NKestovaTessil20::ICIMNamespace& ns,
       property.isArray = decl->IsArray(TOptions());
       property.isKey = decl->IsKey();
     }
+    properties.push_back(std::move(property));
+  }
+  return properties;
+}
+
+InstanceView describeInstance(const std::vector<PropertyView>& declared,
+                              NKestovaTessil20::ICIMInstance& instance) {
+  InstanceView view;
+  view.className = instance.GetInstanceClassName();
+  TCIMReference reference;
+  instance.GetReference(reference, TOptions());
+  view.path = reference.GetPath();
+  view.properties = declared;
+  for (PropertyView& property : view.properties) {
     boost::shared_ptr<ICIMProperty> handle;
-    instance.GetProperty(handle, name, TOptions());
+    instance.GetProperty(handle, property.name, TOptions());
     if (handle) property.value = handle->GetValue();
-    view.properties.push_back(std::move(property));
   }
   return view;
 }

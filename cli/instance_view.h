@@ -31,7 +31,14 @@ struct ClassView {
 // Text as the machine stores it (its ANSI code page) to UTF-8 for printing.
 using TextEncoder = std::function<std::string(const std::string&)>;
 
-InstanceView describeInstance(NKestovaTessil20::ICIMNamespace& ns,
+// A class's properties in declaration order (inherited first), each with its declared
+// type and no value: what every instance of the class is described against.
+std::vector<PropertyView> describeClass(NKestovaTessil20::ICIMNamespace& ns,
+                                        const std::string& className);
+
+// `declared` is describeClass of the instance's class: asked once per class rather than
+// for every instance, as a run can hold hundreds of thousands.
+InstanceView describeInstance(const std::vector<PropertyView>& declared,
                               NKestovaTessil20::ICIMInstance& instance);
 
 }  // namespace iac
