@@ -17,33 +17,31 @@ const std::string kUserEnvironment = "Environment";
 EnvironmentVariableInfo::EnvironmentVariableInfo(boost::shared_ptr<NKestovaTessil20::ICIMClass> cls)
     : GetInfo(std::move(cls)) {}
 
-std::vector<PropertyMap> EnvironmentVariableInfo::getVariables(const std::string& className) {
+void EnvironmentVariableInfo::getVariables(const std::string& className,
+                                           const std::function<void(PropertyMap)>& take) {
   const bool system = className == kClassSystemEnvironmentVariable;
   platform::HKEY key = nullptr;
   OpenRegistryKey(key, system ? platform::HKEY_LOCAL_MACHINE : platform::HKEY_CURRENT_USER,
                   system ? kSystemEnvironment : kUserEnvironment);
   const RegistryValueList values = EnumerateValueList(key);
   CloseRegistryKey(key);
-  std::vector<PropertyMap> variables;
-  variables.reserve(values.size());
   for (const auto& value : values) {
     PropertyMap properties;
     properties.reserve(2);
     properties["SettingID"] = NKestovaTessil20::TCIMValue(value.first);
     properties["SettingValue"] = NKestovaTessil20::TCIMValue(value.second);
-    variables.push_back(std::move(properties));
+    take(std::move(properties));
   }
-  return variables;
 }
 
 std::uint64_t EnvironmentVariableInfo::getCIMInstances() {
   const std::string className = getClass()->GetName();
   std::uint64_t count = 0;
-  for (PropertyMap& properties : getVariables(className)) {
+  getVariables(className, [this, &className, &count](PropertyMap properties) {
     boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
     buildInstance(instance, std::move(properties), className);
     ++count;
-  }
+  });
   return count;
 }
 
