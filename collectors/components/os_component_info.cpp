@@ -190,8 +190,13 @@ std::uint64_t OSComponentInfo::getCIMInstances() {
     const std::string className = getClass()->GetName();
     for (const TextRecord& record : getInfo(className)) {
       PropertyMap properties;
-      for (const auto& entry : record)
-        getCIMValueForProperty(properties[entry.first], entry.first, entry.second);
+      properties.reserve(record.size());
+      // The record is in name order already: each property goes at the end.
+      for (const auto& entry : record) {
+        auto property =
+            properties.emplace_hint(properties.end(), entry.first, NKestovaTessil20::TCIMValue());
+        getCIMValueForProperty(property->second, entry.first, entry.second);
+      }
       boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
       buildInstance(instance, std::move(properties), className);
       ++count;
