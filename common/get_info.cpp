@@ -130,6 +130,14 @@ void GetInfo::getCIMValueForProperty(TCIMValue& result, const std::string& prope
   CIMValueBuilder(m_class).getCIMValueForProperty(result, propertyName, text);
 }
 
+void GetInfo::addCIMValues(PropertyMap& properties, const TextRecord& record) {
+  // A record is in name order, as a property map is: into an empty map each goes at the end.
+  for (const auto& entry : record) {
+    auto property = properties.emplace_hint(properties.end(), entry.first, TCIMValue());
+    getCIMValueForProperty(property->second, entry.first, entry.second);
+  }
+}
+
 TCIMDateTime GetInfo::getCIMDateTime(unsigned int secondsSince1970) {
   return dateTimeFromSeconds(secondsSince1970, *m_log);
 }

@@ -64,6 +64,9 @@ class GetInfo {
 
   void getCIMValueForProperty(NKestovaTessil20::TCIMValue& result, const std::string& propertyName,
                               const std::string& text);
+  // Each (property, text) pair of `record` into `properties`, as getCIMValueForProperty
+  // makes it (null where the text does not convert).
+  void addCIMValues(PropertyMap& properties, const TextRecord& record);
 
   NKestovaTessil20::TCIMDateTime getCIMDateTime(unsigned int secondsSince1970);
   NKestovaTessil20::TCIMDateTime getCIMDateTime(const std::string& text);

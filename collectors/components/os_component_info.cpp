@@ -191,12 +191,7 @@ std::uint64_t OSComponentInfo::getCIMInstances() {
     for (const TextRecord& record : getInfo(className)) {
       PropertyMap properties;
       properties.reserve(record.size());
-      // The record is in name order already: each property goes at the end.
-      for (const auto& entry : record) {
-        auto property =
-            properties.emplace_hint(properties.end(), entry.first, NKestovaTessil20::TCIMValue());
-        getCIMValueForProperty(property->second, entry.first, entry.second);
-      }
+      addCIMValues(properties, record);
       boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
       buildInstance(instance, std::move(properties), className);
       ++count;

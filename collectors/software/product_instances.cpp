@@ -14,12 +14,7 @@ std::uint64_t BuildProductInstances(GetInfo& collector, const std::vector<TextRe
   for (const TextRecord& record : records) {
     PropertyMap properties;
     properties.reserve(record.size() + 2);
-    // The record is in name order already: each property goes at the end.
-    for (const auto& entry : record) {
-      auto property =
-          properties.emplace_hint(properties.end(), entry.first, NKestovaTessil20::TCIMValue());
-      collector.getCIMValueForProperty(property->second, entry.first, entry.second);
-    }
+    collector.addCIMValues(properties, record);
     properties.emplace(kPropSystemID, systemId);
     properties.emplace(kPropCollectionID, collectionId);
     boost::shared_ptr<NKestovaTessil20::ICIMInstance> instance;
