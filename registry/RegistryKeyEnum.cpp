@@ -5,6 +5,7 @@
 #include <cstring>
 #include <iterator>
 #include <memory>
+#include <memory_resource>
 #include <new>
 #include <string_view>
 #include <vector>
@@ -94,10 +95,10 @@ std::string DwordText(const BYTE* data, DWORD size) {
 }
 
 // The values of one key as they are read, their names and texts one after another in a
-// few large blocks, then handed out in name order as a map orders names (bytes as
+// monotonic buffer, then handed out in name order as a map orders names (bytes as
 // unsigned), equal names in the order they came. A key can hold many thousands of values:
 // sorting strings strewn over the heap, and then reading and freeing them in their new
-// order, went to main memory for each one; the blocks are a few megabytes, and the strings
+// order, went to main memory for each one; the buffer is a few megabytes, and the strings
 // handed out are made in the order they are used after. The sort runs on each name's
 // first 16 bytes held as two integers, so that most comparisons read no name at all.
 class ValuesInNameOrder {
@@ -137,7 +138,7 @@ class ValuesInNameOrder {
   }
 
  private:
-  static constexpr std::size_t kBlock = 256 * 1024;
+  static constexpr std::size_t kFirstBlock = 64 * 1024;  // later blocks grow from there
 
   struct Entry {
     std::uint64_t high, low;
@@ -168,27 +169,12 @@ class ValuesInNameOrder {
   // A copy of `bytes` that stays where it is until this object goes.
   const char* keep(std::string_view bytes) {
     if (bytes.empty()) return "";
-    char* at = nullptr;
-    if (bytes.size() > kBlock) {  // a block of its own; the current one stays current
-      blocks_.emplace_back(new char[bytes.size()]);
-      at = blocks_.back().get();
-    } else {
-      if (bytes.size() > left_) {
-        blocks_.emplace_back(new char[kBlock]);
-        next_ = blocks_.back().get();
-        left_ = kBlock;
-      }
-      at = next_;
-      next_ += bytes.size();
-      left_ -= bytes.size();
-    }
+    auto* at = static_cast<char*>(bytes_.allocate(bytes.size(), 1));
     std::memcpy(at, bytes.data(), bytes.size());
     return at;
   }
 
-  std::vector<std::unique_ptr<char[]>> blocks_;
-  char* next_ = nullptr;
-  std::size_t left_ = 0;
+  std::pmr::monotonic_buffer_resource bytes_{kFirstBlock};
   std::vector<Entry> entries_;
 };
 

@@ -107,22 +107,27 @@ size_t RegKey::NamedList<T>::position(std::u16string_view name) const {
       if (items[i] && NamesEqual(NameOf(*items[i]), name)) found = i;
     }
   } else {
-    const size_t mask = slots.size() - 1;
-    // The table is at most half full, so a free slot ends every probe. Slots of removed
-    // items stay until the next rebuild and are stepped over.
-    const std::uint64_t hash = FoldedHash(name), tag = hash & kTagMask;
-    for (size_t s = hash & mask; slots[s] != 0; s = (s + 1) & mask) {
-      if ((slots[s] & kTagMask) != tag) continue;
-      const size_t i = static_cast<std::uint32_t>(slots[s]) - 1;
-      if (items[i] && NamesEqual(NameOf(*items[i]), name)) {
-        found = i;
-        break;
-      }
-    }
+    const size_t s = slotOf(FoldedHash(name), name);
+    if (slots[s] != 0) found = static_cast<std::uint32_t>(slots[s]) - 1;
   }
   if (found < items.size())
     next.store(static_cast<std::uint32_t>(found + 1), std::memory_order_relaxed);
   return found;
+}
+
+// The table is at most half full, so a free slot ends every probe. Slots of removed
+// items stay until the next rebuild and are stepped over.
+template <typename T>
+size_t RegKey::NamedList<T>::slotOf(std::uint64_t hash, std::u16string_view name) const {
+  const size_t mask = slots.size() - 1;
+  const std::uint64_t tag = hash & kTagMask;
+  size_t s = hash & mask;
+  for (; slots[s] != 0; s = (s + 1) & mask) {
+    if ((slots[s] & kTagMask) != tag) continue;
+    const size_t i = static_cast<std::uint32_t>(slots[s]) - 1;
+    if (items[i] && NamesEqual(NameOf(*items[i]), name)) break;
+  }
+  return s;
 }
 
 template <typename T>
@@ -134,6 +139,13 @@ void RegKey::NamedList<T>::insertSlot(size_t position, std::uint64_t hash) {
 }
 
 template <typename T>
+void RegKey::NamedList<T>::emptySlots(size_t capacity) {
+  size_t size = 16;
+  while (size < capacity * 2 + 2) size *= 2;
+  slots.assign(size, 0);
+}
+
+template <typename T>
 void RegKey::NamedList<T>::buildIndex(size_t capacity) {
   capacity = std::max(capacity, items.size());
   if (capacity <= kIndexThreshold) {
@@ -141,9 +153,7 @@ void RegKey::NamedList<T>::buildIndex(size_t capacity) {
     slots.shrink_to_fit();
     return;
   }
-  size_t size = 16;
-  while (size < capacity * 2 + 2) size *= 2;
-  slots.assign(size, 0);
+  emptySlots(capacity);
   for (size_t i = 0; i < items.size(); ++i) {
     if (items[i]) insertSlot(i, FoldedHash(NameOf(*items[i])));
   }
@@ -194,10 +204,8 @@ void RegKey::NamedList<T>::addAll(std::vector<std::unique_ptr<T>>& more, Merge m
   items.swap(more);
   more.clear();
   added = true;
-  size_t size = 16;
-  while (size < items.size() * 2 + 2) size *= 2;
-  slots.assign(size, 0);
-  const size_t mask = size - 1;
+  emptySlots(items.size());
+  const size_t mask = slots.size() - 1;
   std::vector<std::uint64_t> hashes(items.size());
   for (size_t i = 0; i < items.size(); ++i) hashes[i] = FoldedHash(NameOf(*items[i]));
   constexpr size_t kAhead = 16;
@@ -206,22 +214,13 @@ void RegKey::NamedList<T>::addAll(std::vector<std::unique_ptr<T>>& more, Merge m
 #if defined(__GNUC__)
     if (i + kAhead < items.size()) __builtin_prefetch(&slots[hashes[i + kAhead] & mask], 1);
 #endif
-    const std::uint64_t tag = hashes[i] & kTagMask;
-    size_t s = hashes[i] & mask;
-    size_t held = items.size();
-    for (; slots[s] != 0; s = (s + 1) & mask) {
-      const size_t j = static_cast<std::uint32_t>(slots[s]) - 1;
-      if ((slots[s] & kTagMask) == tag && NamesEqual(NameOf(*items[j]), NameOf(*items[i]))) {
-        held = j;
-        break;
-      }
-    }
-    if (held < items.size()) {
-      merge(items[held], items[i]);
+    const size_t s = slotOf(hashes[i], NameOf(*items[i]));
+    if (slots[s] != 0) {
+      merge(items[static_cast<std::uint32_t>(slots[s]) - 1], items[i]);
       items[i].reset();
       merged = true;
     } else {
-      slots[s] = tag | static_cast<std::uint32_t>(i + 1);
+      slots[s] = (hashes[i] & kTagMask) | static_cast<std::uint32_t>(i + 1);
     }
   }
   if (merged) {
@@ -363,10 +362,6 @@ void RegKey::readAheadSubKeys() const {
 
 void RegKey::reserveLoadedSubKeys(size_t count) {
   subKeys_.reserve(count);
-}
-
-void RegKey::reserveLoadedValues(size_t count) {
-  values_.reserve(count);
 }
 
 void RegKey::markLoaded(KeySource::Part part) {

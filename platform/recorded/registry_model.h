@@ -174,7 +174,6 @@ class KPLATFORM_API RegKey {
   void addLoadedValues(std::vector<std::unique_ptr<RegValue>>& values);
   // Room for `count` more, so that a long list is not regrown (and reindexed) as it fills.
   void reserveLoadedSubKeys(size_t count);
-  void reserveLoadedValues(size_t count);
   void markLoaded(KeySource::Part part);
   bool isLoaded(KeySource::Part part) const;
   bool boundTo(const KeySource* source) const { return source_ == source; }
@@ -222,7 +221,11 @@ class KPLATFORM_API RegKey {
     void reserve(size_t more);
 
    private:
+    // The slot of the item named `name` (hashed to `hash`), or the free slot that ends
+    // its probe.
+    size_t slotOf(std::uint64_t hash, std::u16string_view name) const;
     void insertSlot(size_t position, std::uint64_t hash);
+    void emptySlots(size_t capacity);      // a table for `capacity` items, at most half full
     void buildIndex(size_t capacity = 0);  // slots for at least `capacity` items
   };
 
