@@ -63,25 +63,25 @@ class HiveSource : public KeySource {
     for (size_t i = 0; i < key.subKeyCount(); ++i) {
       RegKey& sub = const_cast<RegKey&>(key.subKey(i));
       if (!sub.boundTo(this)) continue;
-      fill(sub, kValues);
-      fill(sub, kSubKeys);
+      fill(sub, kValues | kSubKeys);
     }
     key.markLoaded(kReadAhead);
   }
 
  private:
-  void fill(RegKey& key, Part part) {
-    if (key.isLoaded(part)) return;
+  // Loads the `parts` (values before sub-keys) not loaded yet, from one read of the key.
+  void fill(RegKey& key, unsigned parts) {
+    if (key.isLoaded(kValues)) parts &= ~unsigned{kValues};
+    if (key.isLoaded(kSubKeys)) parts &= ~unsigned{kSubKeys};
+    if (parts == 0) return;
     HiveFile::Key record;
     const std::string fault = file_->readKey(key.sourceCell(), record, false);
-    if (!fault.empty()) {
-      damaged(key, fault);
-    } else if (part == kSubKeys) {
-      loadSubKeys(key, record);
-    } else {
-      loadValues(key, record);
+    if (!fault.empty()) damaged(key, fault);
+    for (const Part part : {kValues, kSubKeys}) {
+      if (!(parts & part)) continue;
+      if (fault.empty()) part == kSubKeys ? loadSubKeys(key, record) : loadValues(key, record);
+      key.markLoaded(part);
     }
-    key.markLoaded(part);
   }
 
   void loadSubKeys(RegKey& key, const HiveFile::Key& record) {

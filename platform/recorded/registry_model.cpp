@@ -82,10 +82,14 @@ bool NamesEqual(std::u16string_view a, std::u16string_view b) {
 namespace {
 
 // FNV-1a over the upper-cased UTF-16 units, so names that Windows holds equal hash alike.
+// Names are ASCII as a rule: those characters are folded here rather than by a call each.
 std::uint64_t FoldedHash(std::u16string_view name) {
   std::uint64_t hash = 14695981039346656037ull;
   for (char16_t c : name) {
-    hash = (hash ^ UpcaseChar(c)) * 1099511628211ull;
+    const char16_t folded = c >= 0x80                  ? UpcaseChar(c)
+                            : (c >= u'a' && c <= u'z') ? static_cast<char16_t>(c - 0x20)
+                                                       : c;
+    hash = (hash ^ folded) * 1099511628211ull;
   }
   return hash ^ (hash >> 32);
 }
@@ -183,13 +187,61 @@ void RegKey::NamedList<T>::add(std::unique_ptr<T> item) {
   }
 }
 
+template <typename T>
+template <typename Make>
+T* RegKey::NamedList<T>::findOrAdd(std::u16string_view name, Make make, bool& made) {
+  made = false;
+  // Without an index, or with one that the addition rebuilds, as find() and add() do.
+  if (slots.empty() || (items.size() + 1) * 2 + 2 > slots.size()) {
+    const size_t at = position(name);
+    if (at < items.size()) return items[at].get();
+    add(make());
+    made = true;
+    return items.back().get();
+  }
+  const size_t hint = next.load(std::memory_order_relaxed);
+  if (hint < items.size() && items[hint] && NamesEqual(NameOf(*items[hint]), name)) {
+    next.store(static_cast<std::uint32_t>(hint + 1), std::memory_order_relaxed);
+    return items[hint].get();
+  }
+  const std::uint64_t hash = FoldedHash(name);
+  const size_t s = slotOf(hash, name);
+  if (slots[s] != 0) {
+    const size_t at = static_cast<std::uint32_t>(slots[s]) - 1;
+    next.store(static_cast<std::uint32_t>(at + 1), std::memory_order_relaxed);
+    return items[at].get();
+  }
+  // The probe ended at a free slot: the new item takes it, with no second hash or probe.
+  items.push_back(make());
+  added = true;
+  slots[s] = (hash & kTagMask) | static_cast<std::uint32_t>(items.size());
+  made = true;
+  return items.back().get();
+}
+
 // Into an empty list with an index, the index is built in one pass over hashes taken
 // first, asking for each slot a few items ahead: with many thousands of items every slot
 // is a cache miss, and one after another they were most of loading a long value list.
 template <typename T>
 template <typename Merge>
 void RegKey::NamedList<T>::addAll(std::vector<std::unique_ptr<T>>& more, Merge merge) {
-  if (!items.empty() || more.size() <= kIndexThreshold) {
+  if (items.empty() && slots.empty() && more.size() <= kIndexThreshold) {
+    // A short list (most keys' values): each name against those kept before it.
+    items.reserve(more.size());
+    for (auto& item : more) {
+      size_t at = 0;
+      while (at < items.size() && !NamesEqual(NameOf(*items[at]), NameOf(*item))) ++at;
+      if (at < items.size()) {
+        merge(items[at], item);
+      } else {
+        items.push_back(std::move(item));
+      }
+    }
+    added = added || !items.empty();
+    more.clear();
+    return;
+  }
+  if (!items.empty()) {
     for (auto& item : more) {
       const size_t at = position(NameOf(*item));
       if (at < items.size()) {
@@ -290,14 +342,12 @@ RegKey& RegKey::ensureSubKey(const std::u16string& name, bool* added) {
 }
 
 RegKey& RegKey::addLoadedSubKey(std::u16string name, bool* added) {
-  if (RegKey* existing = subKeys_.find(name)) {
-    if (added) *added = false;
-    return *existing;
-  }
-  subKeys_.add(std::make_unique<RegKey>(std::move(name)));
-  subKeys_.items.back()->parent_ = this;
-  if (added) *added = true;
-  return *subKeys_.items.back();
+  bool made = false;
+  RegKey* key = subKeys_.findOrAdd(
+      name, [&name] { return std::make_unique<RegKey>(std::move(name)); }, made);
+  if (made) key->parent_ = this;
+  if (added) *added = made;
+  return *key;
 }
 
 void RegKey::removeSubKey(const std::u16string& name) {

@@ -212,6 +212,10 @@ class KPLATFORM_API RegKey {
     T* find(std::u16string_view name) const;
     size_t position(std::u16string_view name) const;  // items.size() when absent
     void add(std::unique_ptr<T> item);
+    // The item named `name`; when there is none, `make()`'s, added (then `made` is set).
+    // `name` is not read once make() has run, so make() may take the string it views.
+    template <typename Make>
+    T* findOrAdd(std::u16string_view name, Make make, bool& made);
     // Adds `more` in order. An item whose name one already held has is handed to
     // `merge(held, item)` instead of being added.
     template <typename Merge>
