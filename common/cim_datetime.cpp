@@ -1,5 +1,6 @@
 #include "common/cim_datetime.h"
 
+#include <algorithm>
 #include <boost/tokenizer.hpp>
 #include <cctype>
 #include <ctime>
@@ -75,7 +76,8 @@ TCIMDateTime dateTimeFromText(const std::string& text, LogMessage& log) {
   if (text.empty()) return result;
   try {
     // Most dates are eight digits with no separator: neither split can find two parts.
-    const bool separated = text.find_first_of("/-") != std::string::npos;
+    const bool separated =
+        std::any_of(text.begin(), text.end(), [](char c) { return c == '/' || c == '-'; });
     std::vector<std::string> parts;
     if (separated) parts = split(text, "/");
     if (separated && parts.size() <= 1) parts = split(text, "-");

@@ -30,10 +30,13 @@ bool ReadDigits(const std::string& text, std::size_t pos, std::size_t count, uns
   return true;
 }
 
+// `what` names the value in the message; made only when it is needed, as dates are set
+// by the hundred thousand and are nearly always well-formed.
+template <typename What>
 void CheckTimeOfDay(unsigned int hour, unsigned int minute, unsigned int second,
-                    unsigned int microseconds, const std::string& what) {
+                    unsigned int microseconds, const What& what) {
   if (hour > 23 || minute > 59 || second > 59 || microseconds > 999999) {
-    Malformed(what + ": time of day out of range");
+    Malformed(what() + ": time of day out of range");
   }
 }
 
@@ -51,7 +54,7 @@ TCIMDateTime::TCIMDateTime(const std::string& cimText) {
   if (sign == ':') {
     // Intervals carry ":000" where points carry their offset.
     if (offset != 0) Malformed("'" + cimText + "': interval must end in :000");
-    CheckTimeOfDay(hour, minute, second, micro, "'" + cimText + "'");
+    CheckTimeOfDay(hour, minute, second, micro, [&cimText] { return "'" + cimText + "'"; });
     *this =
         TCIMDateTime(head, static_cast<unsigned short>(hour), static_cast<unsigned short>(minute),
                      static_cast<unsigned short>(second), micro);
@@ -76,7 +79,7 @@ TCIMDateTime::TCIMDateTime(unsigned short year, unsigned short month, unsigned i
 TCIMDateTime::TCIMDateTime(unsigned int days, unsigned short hours, unsigned short minutes,
                            unsigned short seconds, unsigned int microseconds) {
   if (days > 99999999) Malformed("interval of " + std::to_string(days) + " days");
-  CheckTimeOfDay(hours, minutes, seconds, microseconds, "interval");
+  CheckTimeOfDay(hours, minutes, seconds, microseconds, [] { return std::string("interval"); });
   null_ = false;
   interval_ = true;
   year_ = days;
@@ -92,15 +95,16 @@ TCIMDateTime::TCIMDateTime(unsigned int days, unsigned short hours, unsigned sho
 void TCIMDateTime::Set(unsigned short year, unsigned short month, unsigned int day,
                        unsigned short hour, unsigned short minute, unsigned short second,
                        unsigned int microseconds, short utcOffsetMinutes) {
-  const std::string what =
-      "date " + std::to_string(year) + "-" + std::to_string(month) + "-" + std::to_string(day);
+  const auto what = [&] {
+    return "date " + std::to_string(year) + "-" + std::to_string(month) + "-" + std::to_string(day);
+  };
   // Year 0 is rejected: it is what an unset date looks like, not a calendar year.
-  if (year < 1 || year > 9999) Malformed(what + ": year out of range");
-  if (month < 1 || month > 12) Malformed(what + ": month out of range");
-  if (day < 1 || day > DaysInMonth(year, month)) Malformed(what + ": day out of range");
+  if (year < 1 || year > 9999) Malformed(what() + ": year out of range");
+  if (month < 1 || month > 12) Malformed(what() + ": month out of range");
+  if (day < 1 || day > DaysInMonth(year, month)) Malformed(what() + ": day out of range");
   CheckTimeOfDay(hour, minute, second, microseconds, what);
   if (utcOffsetMinutes < -999 || utcOffsetMinutes > 999) {
-    Malformed(what + ": UTC offset of " + std::to_string(utcOffsetMinutes) + " minutes");
+    Malformed(what() + ": UTC offset of " + std::to_string(utcOffsetMinutes) + " minutes");
   }
   null_ = false;
   interval_ = false;
