@@ -247,7 +247,7 @@ def main():
         os.path.dirname(os.path.abspath(__file__)), "..", "..", "shared", "realdata"))
     parser.add_argument("--runs", type=int, default=11, help="runs of small cases")
     parser.add_argument("--big-runs", type=int, default=5, help="runs of 100,000-entry cases")
-    parser.add_argument("--query-runs", type=int, default=3,
+    parser.add_argument("--query-runs", type=int, default=5,
                         help="repetitions of each in-process query benchmark (the least counts)")
     args = parser.parse_args()
 

@@ -65,6 +65,8 @@ std::u16string FoldName(const std::u16string& name) {
 
 bool NamesEqual(std::u16string_view a, std::u16string_view b) {
   if (a.size() != b.size()) return false;
+  // Names are nearly always asked for as they are spelled (listed, then opened).
+  if (std::memcmp(a.data(), b.data(), a.size() * sizeof(char16_t)) == 0) return true;
   for (size_t i = 0; i < a.size(); ++i) {
     const char16_t x = a[i], y = b[i];
     if (x == y) continue;
