@@ -158,35 +158,41 @@ def collect_figures(table, args):
 
 def query_only(args):
     """Google Benchmark's in-process query times of the synthetic machines (the machine
-    loaded beforehand): benchmark name -> (wall, CPU) seconds per query."""
-    out = tempfile.NamedTemporaryFile(suffix=".json", delete=False)
-    out.close()
-    try:
-        run = subprocess.run([os.path.join(args.bin, "ia_bench"),
-                              "--benchmark_filter=^Synthetic(First)?Query/",
-                              "--benchmark_repetitions=%d" % args.query_runs,
-                              "--benchmark_out=" + out.name, "--benchmark_out_format=json"],
-                             stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                             env=dict(os.environ, IA_SYNTHETIC_DIR=args.synthetic))
-        if run.returncode != 0:
-            raise RuntimeError("ia_bench: " + run.stderr.decode(errors="replace"))
-        with open(out.name) as f:
-            report = json.load(f)
-    finally:
-        os.unlink(out.name)
+    loaded beforehand), in `--query-runs` rounds of one ia_bench run each: benchmark name
+    -> (least wall, least CPU, CPU of each round) in seconds per query."""
     factor = {"ns": 1e-9, "us": 1e-6, "ms": 1e-3, "s": 1.0}
-    # The least of the repetitions: other work on a shared machine only ever adds time. A
-    # fixed iteration count shows in the name ("/iterations:3").
-    least = {}
-    for b in report["benchmarks"]:
-        if "error_message" in b or b.get("run_type", "iteration") != "iteration":
-            continue
-        name = b["run_name"] if "run_name" in b else b["name"]
-        name = name.split("/iterations:")[0]
-        times = (b["real_time"] * factor[b["time_unit"]], b["cpu_time"] * factor[b["time_unit"]])
-        if name not in least or times[1] < least[name][1]:
-            least[name] = times
-    return least
+    rounds = {}
+    for _ in range(args.query_runs):
+        out = tempfile.NamedTemporaryFile(suffix=".json", delete=False)
+        out.close()
+        try:
+            run = subprocess.run([os.path.join(args.bin, "ia_bench"),
+                                  "--benchmark_filter=^Synthetic(First)?Query/",
+                                  "--benchmark_out=" + out.name, "--benchmark_out_format=json"],
+                                 stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                                 env=dict(os.environ, IA_SYNTHETIC_DIR=args.synthetic))
+            if run.returncode != 0:
+                raise RuntimeError("ia_bench: " + run.stderr.decode(errors="replace"))
+            with open(out.name) as f:
+                report = json.load(f)
+        finally:
+            os.unlink(out.name)
+        for b in report["benchmarks"]:
+            if "error_message" in b or b.get("run_type", "iteration") != "iteration":
+                continue
+            # A fixed iteration count shows in the name ("/iterations:3").
+            name = b["name"].split("/iterations:")[0]
+            unit = factor[b["time_unit"]]
+            rounds.setdefault(name, []).append((b["real_time"] * unit, b["cpu_time"] * unit))
+    # The least of the rounds: other work on a shared machine only ever adds time.
+    return {name: (min(t[0] for t in times), min(t[1] for t in times), [t[1] for t in times])
+            for name, times in rounds.items()}
+
+
+def paired_growth(small, big):
+    """The median over rounds of big / small, each round's pair run minutes apart at most:
+    a busy spell that slows one round slows both sides of its ratio."""
+    return statistics.median(b / a for a, b in zip(small, big))
 
 
 def synthetic_figures(table, args, queries):
@@ -213,11 +219,12 @@ def synthetic_figures(table, args, queries):
             # machine, is what a run of iac pays; later ones find the keys read.
             what = "first query" if form == "hive" else "query"
             bench = "SyntheticFirstQuery" if form == "hive" else "SyntheticQuery"
-            query = {}
+            query, rounds = {}, {}
             for entries in SIZES:
                 s = samples[entries]
                 times = queries.get("%s/%s/%s/%d" % (bench, name, form, entries))
                 query[entries] = times[1] if times else None
+                rounds[entries] = times[2] if times else None
                 table.row("%7d: wall" % entries, ms(s.median_wall))
                 table.row("%7d: peak RSS" % entries, mib(s.median_peak))
                 if times:
@@ -230,8 +237,8 @@ def synthetic_figures(table, args, queries):
                 table.row(label + ": wall", ratio(wall), "<= x%g" % GROWTH_TIME, wall <= GROWTH_TIME)
                 table.row(label + ": peak RSS", ratio(peak), "<= x%g" % GROWTH_MEMORY,
                           peak <= GROWTH_MEMORY)
-                if query[small] and query[big]:
-                    growth = query[big] / query[small]
+                if rounds[small] and rounds[big]:
+                    growth = paired_growth(rounds[small], rounds[big])
                     table.row("%s: %s CPU" % (label, what), ratio(growth),
                               "<= x%g" % GROWTH_TIME, growth <= GROWTH_TIME)
             if name == "apps" and query[100000]:
@@ -248,7 +255,7 @@ def main():
     parser.add_argument("--runs", type=int, default=11, help="runs of small cases")
     parser.add_argument("--big-runs", type=int, default=5, help="runs of 100,000-entry cases")
     parser.add_argument("--query-runs", type=int, default=5,
-                        help="repetitions of each in-process query benchmark (the least counts)")
+                        help="rounds of the in-process query benchmarks")
     args = parser.parse_args()
 
     table = Table()
