@@ -180,6 +180,11 @@ INSTANTIATE_TEST_SUITE_P(
         TextDate{"1/2/2010", -3600, 0, "20100102000000.000000+060"},
         // Midnight at UTC whatever the zone; the host writes offset -000 as +000.
         TextDate{"20100315", 18000, 0, "20100315000000.000000+000"},
+        TextDate{"20101231", 0, 0, "20101231000000.000000+000"},
+        // Eight digits that are no date, and digits that are not eight, read as nothing.
+        TextDate{"20100230", 0, 0, nullptr}, TextDate{"00000315", 0, 0, nullptr},
+        TextDate{"20101315", 0, 0, nullptr}, TextDate{"2010031", 0, 0, nullptr},
+        TextDate{"201003150", 0, 0, nullptr}, TextDate{"2010 315", 0, 0, nullptr},
         TextDate{"3-15-2010", 0, 0, "20100315000000.000000+000"},
         TextDate{"3/15/2010/extra", 0, 0, "20100315000000.000000+000"},
         TextDate{"Mar 15 2010", 0, 0, nullptr}, TextDate{"3/15", 0, 0, nullptr},
