@@ -83,15 +83,7 @@ TCIMDateTime dateTimeFromText(const std::string& text, LogMessage& log) {
     if (separated && parts.size() <= 1) parts = split(text, "-");
     if (parts.size() <= 1) {
       if (hasLetter(text)) return result;
-      // An eight-digit date: midnight, UTC offset zero. Most dates are that, and are read
-      // here as the CIM text below would be, without making and parsing it.
-      if (text.size() == 8 &&
-          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-        const unsigned int date = static_cast<unsigned int>(std::stoul(text));
-        return TCIMDateTime(static_cast<unsigned short>(date / 10000),
-                            static_cast<unsigned short>(date / 100 % 100), date % 100, 0, 0, 0, 0,
-                            0);
-      }
+      // An eight-digit date: midnight, UTC offset zero.
       return TCIMDateTime(text + "000000.000000-000");
     }
     if (parts.size() < 3) return result;

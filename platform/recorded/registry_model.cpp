@@ -101,12 +101,18 @@ constexpr std::uint64_t kTagMask = 0xffffffff00000000ull;
 }  // namespace
 
 template <typename T>
-size_t RegKey::NamedList<T>::position(std::u16string_view name) const {
+size_t RegKey::NamedList<T>::hinted(std::u16string_view name) const {
   const size_t hint = next.load(std::memory_order_relaxed);
   if (hint < items.size() && items[hint] && NamesEqual(NameOf(*items[hint]), name)) {
     next.store(static_cast<std::uint32_t>(hint + 1), std::memory_order_relaxed);
     return hint;
   }
+  return items.size();
+}
+
+template <typename T>
+size_t RegKey::NamedList<T>::position(std::u16string_view name) const {
+  if (const size_t hint = hinted(name); hint < items.size()) return hint;
   size_t found = items.size();
   if (slots.empty()) {
     for (size_t i = 0; i < items.size() && found == items.size(); ++i) {
@@ -201,11 +207,7 @@ T* RegKey::NamedList<T>::findOrAdd(std::u16string_view name, Make make, bool& ma
     made = true;
     return items.back().get();
   }
-  const size_t hint = next.load(std::memory_order_relaxed);
-  if (hint < items.size() && items[hint] && NamesEqual(NameOf(*items[hint]), name)) {
-    next.store(static_cast<std::uint32_t>(hint + 1), std::memory_order_relaxed);
-    return items[hint].get();
-  }
+  if (const size_t hint = hinted(name); hint < items.size()) return items[hint].get();
   const std::uint64_t hash = FoldedHash(name);
   const size_t s = slotOf(hash, name);
   if (slots[s] != 0) {

@@ -225,6 +225,9 @@ class KPLATFORM_API RegKey {
     void reserve(size_t more);
 
    private:
+    // The item after the one last found, when it is named `name` (callers often look
+    // names up in the order they were listed); items.size() otherwise.
+    size_t hinted(std::u16string_view name) const;
     // The slot of the item named `name` (hashed to `hash`), or the free slot that ends
     // its probe.
     size_t slotOf(std::uint64_t hash, std::u16string_view name) const;
